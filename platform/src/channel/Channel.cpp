@@ -1,0 +1,687 @@
+#include "channel/Channel.hpp"
+
+#include "channel/SampleFormat.hpp"
+#include "core/Config.hpp"
+#include "core/Error.hpp"
+#include "output/Device.hpp"
+#include "output/Voice.hpp"
+#include "runtime/SyncThread.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+namespace tavro::platform {
+
+namespace {
+thread_local Channel* tlsRender = nullptr;
+
+// Marks the channel this thread renders, restoring the outer one afterwards
+// (a stage rendering its source nests).
+struct RenderScope {
+    Channel* saved;
+    explicit RenderScope(Channel* c) : saved(tlsRender) { tlsRender = c; }
+    ~RenderScope() { tlsRender = saved; }
+};
+
+constexpr uint64_t kNoSync = std::numeric_limits<uint64_t>::max();
+
+int attribBit(DWORD attrib) {
+    switch (attrib) {
+    case BASS_ATTRIB_FREQ: return 1;
+    case BASS_ATTRIB_VOL: return 2;
+    case BASS_ATTRIB_PAN: return 4;
+    default: return 0;
+    }
+}
+} // namespace
+
+Channel* currentRenderChannel() { return tlsRender; }
+
+int64_t monotonicNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+float Slide::valueAt(int64_t now) const {
+    if (durNs <= 0 || now >= startNs + durNs) return to;
+    if (now <= startNs) return from;
+    const double t = static_cast<double>(now - startNs) / static_cast<double>(durNs);
+    if (log && from > 0 && to > 0) return static_cast<float>(from * std::pow(static_cast<double>(to) / from, t));
+    return static_cast<float>(from + (to - from) * t);
+}
+
+void DspEntry::process(Channel& ch, float* frames, size_t count) {
+    const DWORD chans = ch.chans();
+    const DWORD mono = flags >> 24;
+    const bool asFloat = Config::value(BASS_CONFIG_FLOATDSP) != 0 || ch.bytesPerSample() == 4 || (flags & BASS_DSP_FLOAT);
+    float* scratch = ch.scratch();
+    if (mono) {
+        // The procedure sees channel `mono` alone, as a one-channel block.
+        const DWORD c = mono - 1;
+        for (size_t i = 0; i < count; ++i) scratch[i] = frames[i * chans + c];
+        proc(handle, ch.handle(), scratch, static_cast<DWORD>(count * sizeof(float)), user);
+        if (!(flags & BASS_DSP_READONLY))
+            for (size_t i = 0; i < count; ++i) frames[i * chans + c] = scratch[i];
+        return;
+    }
+    if (asFloat) {
+        proc(handle, ch.handle(), frames, static_cast<DWORD>(count * chans * sizeof(float)), user);
+        return;
+    }
+    const unsigned bps = ch.bytesPerSample();
+    encodeSamples(frames, scratch, count * chans, bps);
+    proc(handle, ch.handle(), scratch, static_cast<DWORD>(count * chans * bps), user);
+    if (!(flags & BASS_DSP_READONLY)) decodeSamples(scratch, frames, count * chans, bps);
+}
+
+Channel::Channel(DWORD freq, DWORD chans, DWORD flags, DWORD ctype, std::shared_ptr<Device> device)
+    : freq_(freq), chans_(chans), ctype_(ctype), flags_(flags), device_(std::move(device)),
+      scratch_(kMaxBlockFrames * chans, 0.0f),
+      dsps_(std::make_shared<std::vector<std::shared_ptr<DspEntry>>>()),
+      syncs_(std::make_shared<std::vector<std::shared_ptr<SyncEntry>>>()) {
+    volume_.store({1, 1, 0, 0, false});
+    pan_.store({0, 0, 0, 0, false});
+    freqAttr_.store({static_cast<float>(freq), static_cast<float>(freq), 0, 0, false});
+}
+
+Channel::~Channel() = default;
+
+unsigned Channel::bytesPerSample() const {
+    if (flags() & BASS_SAMPLE_FLOAT) return 4;
+    if (flags() & BASS_SAMPLE_8BITS) return 1;
+    return 2;
+}
+
+void Channel::fillInfo(BASS_CHANNELINFO& info) const {
+    info = {};
+    info.freq = freq_;
+    info.chans = chans_;
+    info.flags = flags();
+    info.ctype = ctype_;
+    info.origres = bytesPerSample() * 8;
+}
+
+DWORD Channel::changeFlags(DWORD flags, DWORD mask) {
+    constexpr DWORD kChangeable = BASS_SAMPLE_LOOP | BASS_STREAM_AUTOFREE;
+    mask &= kChangeable;
+    DWORD old = flags_.load();
+    while (!flags_.compare_exchange_weak(old, (old & ~mask) | (flags & mask))) {
+    }
+    return (old & ~mask) | (flags & mask);
+}
+
+// ---------------------------------------------------------------- rendering
+
+std::shared_ptr<const std::vector<std::shared_ptr<DspEntry>>> Channel::dspSnapshot() const {
+    std::lock_guard lock(listMutex_);
+    return dsps_;
+}
+
+std::shared_ptr<const std::vector<std::shared_ptr<SyncEntry>>> Channel::syncSnapshot() const {
+    std::lock_guard lock(listMutex_);
+    return syncs_;
+}
+
+void Channel::runDsps(const std::vector<std::shared_ptr<DspEntry>>& dsps, float* buf, size_t frames) {
+    for (const auto& d : dsps)
+        if (!d->removed.load(std::memory_order_acquire)) d->process(*this, buf, frames);
+}
+
+void Channel::fireSync(SyncEntry& s, DWORD data) {
+    if (s.removed.load(std::memory_order_acquire)) return;
+    if (s.mixtime) {
+        if (s.onetime) s.removed.store(true);
+        s.proc(s.handle, handle(), data, s.user);
+        return;
+    }
+    if (renderingToRing_ && voice_) {
+        // Heard later: the device thread fires it when it reaches this frame.
+        voice_->events.push({ringBase_ + renderDone_, s.handle, data});
+        return;
+    }
+    SyncThread::post(SyncEvent::fire(handle(), s.handle, data));
+}
+
+void Channel::firePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs) {
+    const uint64_t at = pos_.load(std::memory_order_relaxed);
+    const uint64_t from = syncFrom_;
+    if (at < from) return;
+    syncFrom_ = at + 1;
+    const uint64_t bpf = bytesPerFrame();
+    for (const auto& s : syncs) {
+        if (s->type != BASS_SYNC_POS || s->removed.load()) continue;
+        const uint64_t p = s->param / bpf;
+        if (p < from || p > at) continue;
+        fireSync(*s, 0);
+        // A sync that moved the position ends this pass; the rest are judged anew there.
+        if (pos_.load(std::memory_order_relaxed) != at) return;
+    }
+}
+
+uint64_t Channel::nextPositionSync(const std::vector<std::shared_ptr<SyncEntry>>& syncs) const {
+    uint64_t next = kNoSync;
+    const uint64_t bpf = bytesPerFrame();
+    const uint64_t at = pos_.load(std::memory_order_relaxed);
+    for (const auto& s : syncs) {
+        if (s->type != BASS_SYNC_POS || s->removed.load()) continue;
+        const uint64_t p = s->param / bpf;
+        if (p > at && p >= syncFrom_) next = std::min(next, p);
+    }
+    return next;
+}
+
+bool Channel::handleEnd(const std::vector<std::shared_ptr<SyncEntry>>& syncs) {
+    const uint64_t at = pos_.load(std::memory_order_relaxed);
+    for (const auto& s : syncs)
+        if (s->type == BASS_SYNC_END) fireSync(*s, 0);
+    if (pos_.load(std::memory_order_relaxed) != at) return true; // a sync moved the position
+    if ((flags() & BASS_SAMPLE_LOOP) && seekable() && seekFramesLocked(0, 0)) {
+        if (renderingToRing_ && voice_) voice_->markers.push({ringBase_ + renderDone_, 0});
+        return true;
+    }
+    ended_.store(true, std::memory_order_release);
+    return false;
+}
+
+size_t Channel::read(float* out, size_t frames) {
+    std::lock_guard lock(renderMutex_);
+    RenderScope scope(this);
+    const auto dsps = dspSnapshot();
+    const auto syncs = syncSnapshot();
+    size_t done = 0;
+    while (done < frames && !ended_.load(std::memory_order_relaxed) && !freed_.load()) {
+        if (renderingToRing_) renderDone_ = done;
+        firePositionSyncs(*syncs);
+        const uint64_t at = pos_.load(std::memory_order_relaxed);
+        size_t want = std::min(frames - done, kMaxBlockFrames);
+        const uint64_t next = nextPositionSync(*syncs);
+        if (next != kNoSync && next - at < want) want = static_cast<size_t>(next - at);
+        float* dst = out + done * chans_;
+        const size_t got = produce(dst, want);
+        if (got) {
+            runDsps(*dsps, dst, got);
+            pos_.store(at + got, std::memory_order_release);
+            done += got;
+            if (renderingToRing_) renderDone_ = done;
+        }
+        stalled_.store(got < want && !sourceEnded(), std::memory_order_relaxed);
+        if (got < want) {
+            if (!sourceEnded()) break; // stalled: no data yet
+            if (!handleEnd(*syncs)) break;
+        }
+    }
+    return done;
+}
+
+size_t Channel::fillRing(size_t target) {
+    std::lock_guard lock(renderMutex_);
+    if (!voice_ || freed_.load()) return 0;
+    size_t total = 0;
+    FrameRing& ring = voice_->ring;
+    target = std::min(target, ring.capacity());
+    while (ring.available() < target && !ended_.load()) {
+        size_t n = std::min(target - ring.available(), kMaxBlockFrames);
+        float* region = ring.writeRegion(n);
+        if (n == 0) break;
+        renderingToRing_ = true;
+        ringBase_ = ring.written();
+        renderDone_ = 0;
+        const size_t got = read(region, n);
+        renderingToRing_ = false;
+        ring.commitWrite(got);
+        total += got;
+        if (got < n) break;
+    }
+    return total;
+}
+
+// ---------------------------------------------------------------- transport
+
+void Channel::ensureVoice() {
+    if (voice_) return;
+    const DWORD bufferMs = Config::value(BASS_CONFIG_BUFFER);
+    const size_t ring = static_cast<size_t>(uint64_t(freq_) * bufferMs / 1000) + kMaxBlockFrames;
+    // Enough history for a second of levels or the largest spectrum.
+    const size_t history = std::max<size_t>(2 * freq_, 2 * 16384);
+    voice_ = std::make_unique<Voice>(*this, ring, history, static_cast<int>(Config::value(BASS_CONFIG_SRC)));
+}
+
+bool Channel::play(bool restart) {
+    if (isDecoding()) return fail(BASS_ERROR_DECODE);
+    if (freed_.load()) return fail(BASS_ERROR_HANDLE);
+    if (!device_ || !device_->isRunning()) return fail(BASS_ERROR_START);
+    {
+        std::lock_guard lock(renderMutex_);
+        const bool wasEnded = ended_.load() && state() == ChannelState::Stopped;
+        if (restart || wasEnded) {
+            if (seekable()) {
+                if (!seekFramesLocked(0, 0)) return false;
+            } else {
+                onRestart();
+            }
+            if (voice_) voice_->requestFlush(pos_.load());
+        }
+        if (state() == ChannelState::Playing && !restart) return succeed();
+        ensureVoice();
+        state_.store(ChannelState::Playing, std::memory_order_release);
+    }
+    device_->attach(shared_from_this());
+    Device::wakeUpdater();
+    return succeed();
+}
+
+bool Channel::pause() {
+    if (isDecoding()) return fail(BASS_ERROR_DECODE);
+    ChannelState expected = ChannelState::Playing;
+    if (!state_.compare_exchange_strong(expected, ChannelState::Paused))
+        return fail(expected == ChannelState::Paused ? BASS_ERROR_ALREADY : BASS_ERROR_NOPLAY);
+    return succeed();
+}
+
+bool Channel::stop() {
+    if (isDecoding()) return succeed();
+    {
+        std::lock_guard lock(renderMutex_);
+        state_.store(ChannelState::Stopped, std::memory_order_release);
+        if (voice_) {
+            // Continue later from what was heard, not from what was rendered ahead.
+            const uint64_t heard = voice_->heardPosition();
+            if (seekable() && !ended_.load() && heard != pos_.load()) seekFramesLocked(heard, 0);
+            voice_->requestFlush(seekable() ? pos_.load() : heard);
+        }
+    }
+    if (device_) device_->detach(*this);
+    if (flags() & BASS_STREAM_AUTOFREE) {
+        Handles::remove(handle());
+        free();
+    }
+    return succeed();
+}
+
+DWORD Channel::activeState() const {
+    if (isDecoding()) return ended() ? BASS_ACTIVE_STOPPED : BASS_ACTIVE_PLAYING;
+    switch (state()) {
+    case ChannelState::Paused:
+        return BASS_ACTIVE_PAUSED;
+    case ChannelState::Playing:
+        if (device_ && !device_->isRunning()) return BASS_ACTIVE_PAUSED_DEVICE;
+        if (stalled_.load() && voice_ && voice_->ring.available() == 0 && !ended()) return BASS_ACTIVE_STALLED;
+        return BASS_ACTIVE_PLAYING;
+    default:
+        return BASS_ACTIVE_STOPPED;
+    }
+}
+
+void Channel::markDrained() {
+    ChannelState expected = ChannelState::Playing;
+    if (state_.compare_exchange_strong(expected, ChannelState::Stopped)) SyncThread::post(SyncEvent::drained(handle()));
+}
+
+// ---------------------------------------------------------------- position
+
+bool Channel::seekSource(uint64_t, DWORD) { return fail(BASS_ERROR_NOTFILE); }
+
+bool Channel::seekFramesLocked(uint64_t frame, DWORD mode) {
+    if (!seekSource(frame, mode)) return false;
+    pos_.store(frame, std::memory_order_release);
+    syncFrom_ = frame;
+    ended_.store(false, std::memory_order_release);
+    return true;
+}
+
+bool Channel::setPosition(QWORD pos, DWORD mode) {
+    if ((mode & 0xFF) != BASS_POS_BYTE) return fail(BASS_ERROR_NOTAVAIL);
+    if (!seekable()) return fail(BASS_ERROR_NOTFILE);
+    const uint64_t frame = pos / bytesPerFrame();
+    const int64_t len = lengthFrames();
+    if (len >= 0 && frame > static_cast<uint64_t>(len)) return fail(BASS_ERROR_POSITION);
+    std::lock_guard lock(renderMutex_);
+    const bool reentrant = currentRenderChannel() == this;
+    if (!seekFramesLocked(frame, mode)) return false;
+    if (voice_) {
+        if (reentrant && renderingToRing_) {
+            // A sync inside the render moved us: what was rendered before this
+            // frame is still to be heard, so no flush, just a marker.
+            voice_->markers.push({ringBase_ + renderDone_, frame});
+        } else {
+            voice_->requestFlush(frame);
+        }
+    }
+    if (state() == ChannelState::Playing) Device::wakeUpdater();
+    return succeed();
+}
+
+QWORD Channel::position(DWORD mode) {
+    if ((mode & 0xFF) != BASS_POS_BYTE) return failWith<QWORD>(BASS_ERROR_NOTAVAIL, static_cast<QWORD>(-1));
+    uint64_t frames;
+    if (isDecoding() || !voice_ || (mode & BASS_POS_DECODE)) frames = pos_.load(std::memory_order_acquire);
+    else frames = voice_->heardPosition();
+    return succeedWith<QWORD>(frames * bytesPerFrame());
+}
+
+QWORD Channel::length(DWORD mode) {
+    if ((mode & 0xFF) != BASS_POS_BYTE) return failWith<QWORD>(BASS_ERROR_NOTAVAIL, static_cast<QWORD>(-1));
+    const int64_t len = lengthFrames();
+    if (len < 0) return failWith<QWORD>(BASS_ERROR_NOTAVAIL, static_cast<QWORD>(-1));
+    return succeedWith<QWORD>(static_cast<QWORD>(len) * bytesPerFrame());
+}
+
+// ---------------------------------------------------------------- attributes
+
+double Channel::rateNow(int64_t now) const {
+    const float f = freqAttr_.load().valueAt(now);
+    return f > 0 ? static_cast<double>(f) : static_cast<double>(freq_);
+}
+
+bool Channel::setAttribute(DWORD attrib, float value) {
+    if (std::isnan(value)) return fail(BASS_ERROR_ILLPARAM);
+    const int64_t now = monotonicNs();
+    switch (attrib) {
+    case BASS_ATTRIB_VOL:
+        if (value < 0) return fail(BASS_ERROR_ILLPARAM);
+        volume_.store({value, value, now, 0, false});
+        break;
+    case BASS_ATTRIB_PAN:
+        value = std::clamp(value, -1.0f, 1.0f);
+        pan_.store({value, value, now, 0, false});
+        break;
+    case BASS_ATTRIB_FREQ:
+        if (value == 0) value = static_cast<float>(freq_);
+        if (value < 100 || value > 1000000) return fail(BASS_ERROR_ILLPARAM);
+        freqAttr_.store({value, value, now, 0, false});
+        break;
+    default:
+        return fail(BASS_ERROR_ILLTYPE);
+    }
+    return succeed();
+}
+
+bool Channel::getAttribute(DWORD attrib, float& value) {
+    const int64_t now = monotonicNs();
+    switch (attrib) {
+    case BASS_ATTRIB_VOL: value = volume_.load().valueAt(now); break;
+    case BASS_ATTRIB_PAN: value = pan_.load().valueAt(now); break;
+    case BASS_ATTRIB_FREQ: value = static_cast<float>(rateNow(now)); break;
+    default: return fail(BASS_ERROR_ILLTYPE);
+    }
+    return succeed();
+}
+
+bool Channel::slideAttribute(DWORD attrib, float value, DWORD ms) {
+    const bool log = attrib & BASS_SLIDE_LOG;
+    attrib &= ~BASS_SLIDE_LOG;
+    const int bit = attribBit(attrib);
+    if (!bit) return fail(BASS_ERROR_ILLTYPE);
+    if (std::isnan(value)) return fail(BASS_ERROR_ILLPARAM);
+    const int64_t now = monotonicNs();
+    const int64_t dur = int64_t(ms) * 1'000'000;
+    SeqLocked<Slide>* target = nullptr;
+    switch (attrib) {
+    case BASS_ATTRIB_VOL:
+        // Sliding the volume to -1 fades out and then stops the channel.
+        stopAfterSlide_.store(value < 0);
+        value = std::max(value, 0.0f);
+        target = &volume_;
+        break;
+    case BASS_ATTRIB_PAN:
+        value = std::clamp(value, -1.0f, 1.0f);
+        target = &pan_;
+        break;
+    default:
+        if (value == 0) value = static_cast<float>(freq_);
+        if (value < 100 || value > 1000000) return fail(BASS_ERROR_ILLPARAM);
+        target = &freqAttr_;
+        break;
+    }
+    const float from = target->load().valueAt(now);
+    target->store({from, value, now, dur, log});
+    slidesPending_.fetch_or(static_cast<uint32_t>(bit));
+    Device::watchSlides(shared_from_this());
+    return succeed();
+}
+
+bool Channel::isSliding(DWORD attrib) const {
+    const int64_t now = monotonicNs();
+    if (attrib == 0) return slidesPending_.load() != 0;
+    switch (attrib & ~BASS_SLIDE_LOG) {
+    case BASS_ATTRIB_VOL: return volume_.load().activeAt(now);
+    case BASS_ATTRIB_PAN: return pan_.load().activeAt(now);
+    case BASS_ATTRIB_FREQ: return freqAttr_.load().activeAt(now);
+    default: return false;
+    }
+}
+
+void Channel::checkSlides(int64_t) {
+    for (DWORD attrib : {BASS_ATTRIB_FREQ, BASS_ATTRIB_VOL, BASS_ATTRIB_PAN}) {
+        const uint32_t bit = static_cast<uint32_t>(attribBit(attrib));
+        if (!(slidesPending_.load() & bit) || isSliding(attrib)) continue;
+        slidesPending_.fetch_and(~bit);
+        if (attrib == BASS_ATTRIB_VOL && stopAfterSlide_.exchange(false)) stop();
+        fireSyncsNow(BASS_SYNC_SLIDE, attrib);
+    }
+}
+
+// ---------------------------------------------------------------- DSP and syncs
+
+HDSP Channel::addDsp(DSPPROC* proc, void* user, int priority, DWORD flags) {
+    if (!proc) return failWith<HDSP>(BASS_ERROR_ILLPARAM, 0);
+    const DWORD mono = flags >> 24;
+    if (mono > chans_) return failWith<HDSP>(BASS_ERROR_ILLPARAM, 0);
+    auto e = std::make_shared<DspEntry>();
+    e->proc = proc;
+    e->user = user;
+    e->priority = priority;
+    e->flags = flags;
+    return addDspEntry(std::move(e));
+}
+
+HDSP Channel::addDspEntry(std::shared_ptr<DspEntry> entry) {
+    entry->handle = Handles::allocate();
+    std::shared_ptr<const std::vector<std::shared_ptr<DspEntry>>> old;
+    {
+        std::lock_guard lock(listMutex_);
+        entry->order = ++dspOrder_;
+        auto next = std::make_shared<std::vector<std::shared_ptr<DspEntry>>>();
+        for (const auto& d : *dsps_)
+            if (!d->removed.load()) next->push_back(d);
+        // Falling priority; equal priorities run in the order they were set.
+        auto it = std::find_if(next->begin(), next->end(),
+                               [&](const auto& d) { return d->priority < entry->priority; });
+        next->insert(it, entry);
+        old = std::exchange(dsps_, std::move(next));
+    }
+    return succeedWith(entry->handle);
+}
+
+bool Channel::removeDsp(HDSP dsp) {
+    // Holding the render lock means no block is in flight: once this returns
+    // the procedure cannot be called again (inside its own call, the flag stops
+    // the rest of the current pass).
+    std::lock_guard render(renderMutex_);
+    std::shared_ptr<const std::vector<std::shared_ptr<DspEntry>>> old;
+    std::lock_guard lock(listMutex_);
+    auto next = std::make_shared<std::vector<std::shared_ptr<DspEntry>>>();
+    bool found = false;
+    for (const auto& d : *dsps_) {
+        if (d->handle == dsp && !d->removed.load()) {
+            d->removed.store(true);
+            found = true;
+        } else if (!d->removed.load()) {
+            next->push_back(d);
+        }
+    }
+    if (!found) return fail(BASS_ERROR_HANDLE);
+    old = std::exchange(dsps_, std::move(next));
+    return succeed();
+}
+
+HSYNC Channel::addSync(DWORD type, QWORD param, SYNCPROC* proc, void* user) {
+    if (!proc) return failWith<HSYNC>(BASS_ERROR_ILLPARAM, 0);
+    const DWORD base = type & 0x00FFFFFF;
+    switch (base) {
+    case BASS_SYNC_POS: case BASS_SYNC_END: case BASS_SYNC_META: case BASS_SYNC_SLIDE: case BASS_SYNC_STALL:
+    case BASS_SYNC_DOWNLOAD: case BASS_SYNC_FREE: case BASS_SYNC_SETPOS: case BASS_SYNC_OGG_CHANGE:
+        break;
+    default:
+        return failWith<HSYNC>(BASS_ERROR_ILLTYPE, 0);
+    }
+    auto s = std::make_shared<SyncEntry>();
+    s->handle = Handles::allocate();
+    s->type = base;
+    s->mixtime = type & BASS_SYNC_MIXTIME;
+    s->onetime = type & BASS_SYNC_ONETIME;
+    s->param = param;
+    s->proc = proc;
+    s->user = user;
+    std::lock_guard lock(listMutex_);
+    auto next = std::make_shared<std::vector<std::shared_ptr<SyncEntry>>>();
+    for (const auto& e : *syncs_)
+        if (!e->removed.load()) next->push_back(e);
+    next->push_back(s);
+    syncs_ = std::move(next);
+    return succeedWith(s->handle);
+}
+
+bool Channel::removeSync(HSYNC sync) {
+    {
+        std::lock_guard render(renderMutex_);
+        std::lock_guard lock(listMutex_);
+        auto next = std::make_shared<std::vector<std::shared_ptr<SyncEntry>>>();
+        bool found = false;
+        for (const auto& e : *syncs_) {
+            if (e->handle == sync && !e->removed.load()) {
+                e->removed.store(true);
+                found = true;
+            } else if (!e->removed.load()) {
+                next->push_back(e);
+            }
+        }
+        if (!found) return fail(BASS_ERROR_HANDLE);
+        syncs_ = std::move(next);
+    }
+    SyncThread::waitIdle(handle(), sync);
+    return succeed();
+}
+
+std::shared_ptr<SyncEntry> Channel::findSync(HSYNC sync) const {
+    std::lock_guard lock(listMutex_);
+    for (const auto& e : *syncs_)
+        if (e->handle == sync) return e;
+    return nullptr;
+}
+
+void Channel::fireSyncsNow(DWORD type, DWORD data) {
+    for (const auto& s : *syncSnapshot()) {
+        if (s->type != type || s->removed.load()) continue;
+        if (s->onetime) s->removed.store(true);
+        s->proc(s->handle, handle(), data, s->user);
+    }
+}
+
+// ---------------------------------------------------------------- data
+
+DWORD Channel::getData(void* buffer, DWORD length) {
+    constexpr DWORD kFail = 0xFFFFFFFF;
+    if ((length & 0x80000000u) && length != 0xFFFFFFFFu) return failWith(BASS_ERROR_NOTAVAIL, kFail);
+    if (length == BASS_DATA_AVAILABLE) {
+        const uint64_t frames = (!isDecoding() && voice_) ? voice_->buffered() : 0;
+        return succeedWith(static_cast<DWORD>(frames * bytesPerFrame()));
+    }
+    if (!buffer) return failWith(BASS_ERROR_ILLPARAM, kFail);
+    const unsigned outBps = (length & BASS_DATA_FLOAT) ? 4 : bytesPerSample();
+    const DWORD bytes = length & 0x0FFFFFFF;
+    const size_t frames = bytes / (outBps * chans_);
+    if (frames == 0) return succeedWith<DWORD>(0);
+    auto* out = static_cast<uint8_t*>(buffer);
+    if (!isDecoding()) {
+        if (!voice_) return failWith(BASS_ERROR_NOPLAY, kFail);
+        // What is being heard; the playing channel is not disturbed.
+        std::vector<float> tmp(frames * chans_);
+        const size_t got = voice_->history.latest(tmp.data(), frames);
+        encodeSamples(tmp.data(), out, got * chans_, outBps);
+        return succeedWith(static_cast<DWORD>(got * chans_ * outBps));
+    }
+    if (ended()) return failWith(BASS_ERROR_ENDED, kFail);
+    size_t done = 0;
+    if (outBps == 4) {
+        done = read(reinterpret_cast<float*>(out), frames);
+    } else {
+        std::vector<float> tmp(std::min(frames, kMaxBlockFrames) * chans_);
+        while (done < frames) {
+            const size_t n = read(tmp.data(), std::min(frames - done, kMaxBlockFrames));
+            encodeSamples(tmp.data(), out + done * chans_ * outBps, n * chans_, outBps);
+            done += n;
+            if (n == 0) break;
+        }
+    }
+    if (done == 0 && ended()) return failWith(BASS_ERROR_ENDED, kFail);
+    return succeedWith(static_cast<DWORD>(done * chans_ * outBps));
+}
+
+bool Channel::getLevels(float* levels, float seconds, DWORD flags) {
+    if (!levels || !(seconds > 0) || seconds > 1.0f) return fail(BASS_ERROR_ILLPARAM);
+    const size_t frames = std::max<size_t>(1, static_cast<size_t>(static_cast<double>(seconds) * freq_));
+    std::vector<float> data(frames * chans_);
+    size_t got = 0;
+    if (isDecoding()) {
+        if (ended()) return fail(BASS_ERROR_ENDED);
+        got = read(data.data(), frames);
+        if (got == 0 && ended()) return fail(BASS_ERROR_ENDED);
+    } else {
+        if (!voice_ || state() != ChannelState::Playing) return fail(BASS_ERROR_NOPLAY);
+        got = voice_->history.latest(data.data(), frames);
+    }
+    float gl = 1, gr = 1;
+    if (flags & BASS_LEVEL_VOLPAN) {
+        const int64_t now = monotonicNs();
+        const float v = volumeNow(now), p = panNow(now);
+        gl = v * (p > 0 ? 1 - p : 1);
+        gr = v * (p < 0 ? 1 + p : 1);
+    }
+    const bool rms = flags & BASS_LEVEL_RMS;
+    // Outputs: one (mono), two (stereo: even channels left, odd right) or one per channel.
+    const unsigned outs = (flags & BASS_LEVEL_MONO) ? 1 : (flags & BASS_LEVEL_STEREO) ? 2 : chans_;
+    double acc[32] = {};
+    size_t counts[32] = {};
+    for (size_t f = 0; f < got; ++f) {
+        for (unsigned c = 0; c < chans_; ++c) {
+            unsigned o = outs == 1 ? 0 : outs == 2 ? (chans_ == 1 ? 0 : c % 2) : c;
+            o = std::min(o, 31u);
+            const double g = (chans_ == 1 || c % 2 == 0) ? gl : gr;
+            const double v = std::fabs(static_cast<double>(data[f * chans_ + c]) * g);
+            if (rms) acc[o] += v * v, counts[o]++;
+            else acc[o] = std::max(acc[o], v);
+        }
+    }
+    for (unsigned o = 0; o < outs; ++o) {
+        unsigned src = (outs == 2 && chans_ == 1) ? 0 : o;
+        src = std::min(src, 31u);
+        double v = rms ? (counts[src] ? std::sqrt(acc[src] / static_cast<double>(counts[src])) : 0.0) : acc[src];
+        levels[o] = static_cast<float>(v);
+    }
+    return succeed();
+}
+
+// ---------------------------------------------------------------- lifetime
+
+void Channel::free() {
+    if (freed_.exchange(true)) return;
+    state_.store(ChannelState::Stopped);
+    if (device_) device_->detach(*this);
+    {
+        std::lock_guard render(renderMutex_);
+        fireSyncsNow(BASS_SYNC_FREE, 0);
+        std::lock_guard lock(listMutex_);
+        for (const auto& d : *dsps_) d->removed.store(true);
+        for (const auto& s : *syncs_) s->removed.store(true);
+        dsps_ = std::make_shared<std::vector<std::shared_ptr<DspEntry>>>();
+        syncs_ = std::make_shared<std::vector<std::shared_ptr<SyncEntry>>>();
+    }
+    onFree();
+    SyncThread::waitIdle(handle(), 0);
+}
+
+} // namespace tavro::platform

@@ -1,0 +1,208 @@
+// A channel: one source of float frames with its DSP chain, syncs, attributes
+// and transport.
+//
+// Threading contract:
+// - Application threads call the public operations. Operations that touch the
+//   render state (position, DSP and sync lists, transport) take renderMutex,
+//   which a renderer holds for one block at most.
+// - read() runs on the thread that pulls the channel: the update thread for
+//   playing channels, the caller of BASS_ChannelGetData (or the channel above)
+//   for decoding ones. DSP callbacks and mixtime syncs run there, inside
+//   renderMutex; renderMutex is recursive so that they may call back into the
+//   channel (a loop sync seeking its own channel, a DSP removing itself).
+// - The device thread touches only the Voice (playback ring and its queues)
+//   and the atomics of the attributes; it never takes a lock.
+#pragma once
+
+#include "bass.h"
+#include "core/Handles.hpp"
+#include "core/LockFree.hpp"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace tavro::platform {
+
+class Device;
+class Voice;
+
+// Frames a renderer processes at most in one go; scratch buffers are sized by it.
+constexpr size_t kMaxBlockFrames = 4096;
+
+int64_t monotonicNs();
+
+struct Slide {
+    float from = 0, to = 0;
+    int64_t startNs = 0, durNs = 0;
+    bool log = false;
+    float valueAt(int64_t now) const;
+    bool activeAt(int64_t now) const { return durNs > 0 && now < startNs + durNs; }
+};
+
+struct DspEntry {
+    HDSP handle = 0;
+    DSPPROC* proc = nullptr;
+    void* user = nullptr;
+    int priority = 0;
+    DWORD flags = 0;
+    uint64_t order = 0;
+    std::atomic<bool> removed{false};
+    // An effect of the platform's own runs through the same chain; it
+    // processes float frames directly instead of calling a procedure.
+    virtual void process(class Channel& ch, float* frames, size_t count);
+    virtual ~DspEntry() = default;
+};
+
+struct SyncEntry {
+    HSYNC handle = 0;
+    DWORD type = 0; // without the flag bits
+    bool mixtime = false;
+    bool onetime = false;
+    QWORD param = 0;
+    SYNCPROC* proc = nullptr;
+    void* user = nullptr;
+    std::atomic<bool> removed{false};
+};
+
+enum class ChannelState { Stopped, Playing, Paused };
+
+class Channel : public Object, public std::enable_shared_from_this<Channel> {
+  public:
+    Channel(DWORD freq, DWORD chans, DWORD flags, DWORD ctype, std::shared_ptr<Device> device);
+    ~Channel() override;
+    ObjectKind objectKind() const override { return ObjectKind::Channel; }
+
+    // ---- format ----
+    DWORD freq() const { return freq_; }
+    DWORD chans() const { return chans_; }
+    DWORD flags() const { return flags_.load(std::memory_order_relaxed); }
+    DWORD ctype() const { return ctype_; }
+    bool isDecoding() const { return flags() & BASS_STREAM_DECODE; }
+    unsigned bytesPerSample() const;
+    uint64_t bytesPerFrame() const { return uint64_t(bytesPerSample()) * chans_; }
+    const std::shared_ptr<Device>& device() const { return device_; }
+    virtual void fillInfo(BASS_CHANNELINFO& info) const;
+    DWORD changeFlags(DWORD flags, DWORD mask);
+
+    // ---- rendering ----
+    // Pulls up to `frames` frames through source, DSP chain and syncs.
+    // Returns fewer at the end or while the source has no data (stalled).
+    size_t read(float* out, size_t frames);
+    bool ended() const { return ended_.load(std::memory_order_acquire); }
+    // Tops up the playback ring (update thread). Returns frames written.
+    size_t fillRing(size_t targetFrames);
+
+    // ---- transport ----
+    bool play(bool restart);
+    bool pause();
+    bool stop();
+    DWORD activeState() const;
+    ChannelState state() const { return state_.load(std::memory_order_acquire); }
+
+    // ---- position ----
+    bool setPosition(QWORD pos, DWORD mode);
+    QWORD position(DWORD mode);
+    QWORD length(DWORD mode);
+    uint64_t decodePositionFrames() const { return pos_.load(std::memory_order_acquire); }
+
+    // ---- attributes ----
+    virtual bool setAttribute(DWORD attrib, float value);
+    virtual bool getAttribute(DWORD attrib, float& value);
+    bool slideAttribute(DWORD attrib, float value, DWORD ms);
+    bool isSliding(DWORD attrib) const;
+    float volumeNow(int64_t now) const { return volume_.load().valueAt(now); }
+    float panNow(int64_t now) const { return pan_.load().valueAt(now); }
+    // Playback rate in Hz (the FREQ attribute, or the channel's own rate).
+    double rateNow(int64_t now) const;
+    // Called by the sync thread when a slide may have finished.
+    void checkSlides(int64_t now);
+
+    // ---- DSP and syncs ----
+    HDSP addDsp(DSPPROC* proc, void* user, int priority, DWORD flags);
+    HDSP addDspEntry(std::shared_ptr<DspEntry> entry);
+    bool removeDsp(HDSP dsp);
+    HSYNC addSync(DWORD type, QWORD param, SYNCPROC* proc, void* user);
+    bool removeSync(HSYNC sync);
+    std::shared_ptr<SyncEntry> findSync(HSYNC sync) const;
+    // Fires every sync of a type now, on this thread (FREE, SLIDE).
+    void fireSyncsNow(DWORD type, DWORD data);
+
+    // ---- data ----
+    DWORD getData(void* buffer, DWORD length);
+    bool getLevels(float* levels, float seconds, DWORD flags);
+
+    // ---- lifetime ----
+    // Stops, detaches from the device and fires FREE syncs; waits until no
+    // callback of this channel can run any more.
+    void free();
+    bool isFreed() const { return freed_.load(std::memory_order_acquire); }
+    Voice* voice() const { return voice_.get(); }
+    // Scratch space for one block (kMaxBlockFrames frames); render thread only.
+    float* scratch() { return scratch_.data(); }
+
+    // Called by the device thread when the voice has played everything.
+    void markDrained();
+
+  protected:
+    // The source: produce up to `frames` frames. Called with renderMutex held.
+    virtual size_t produce(float* out, size_t frames) = 0;
+    // After a short produce: true at the real end, false when merely stalled.
+    virtual bool sourceEnded() const = 0;
+    // Moves the source to a frame. Default: not seekable.
+    virtual bool seekSource(uint64_t frame, DWORD mode);
+    virtual int64_t lengthFrames() const { return -1; }
+    virtual bool seekable() const { return false; }
+    // Play with restart on a stream without a position to go back to.
+    virtual void onRestart() {}
+    virtual void onFree() {}
+
+    std::recursive_mutex renderMutex_;
+
+  private:
+    void runDsps(const std::vector<std::shared_ptr<DspEntry>>& dsps, float* buf, size_t frames);
+    void fireSync(SyncEntry& s, DWORD data);
+    void firePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs);
+    uint64_t nextPositionSync(const std::vector<std::shared_ptr<SyncEntry>>& syncs) const;
+    bool handleEnd(const std::vector<std::shared_ptr<SyncEntry>>& syncs);
+    bool seekFramesLocked(uint64_t frame, DWORD mode);
+    void ensureVoice();
+    void requestFlush(uint64_t heardFrame);
+    std::shared_ptr<const std::vector<std::shared_ptr<DspEntry>>> dspSnapshot() const;
+    std::shared_ptr<const std::vector<std::shared_ptr<SyncEntry>>> syncSnapshot() const;
+
+    const DWORD freq_, chans_, ctype_;
+    std::atomic<DWORD> flags_;
+    std::shared_ptr<Device> device_;
+
+    // Render state (renderMutex_).
+    std::atomic<uint64_t> pos_{0};
+    uint64_t syncFrom_ = 0;       // position syncs at or after this frame are still ahead
+    bool renderingToRing_ = false;
+    uint64_t ringBase_ = 0;       // ring write index of the block being rendered
+    size_t renderDone_ = 0;       // frames of that block done so far
+    std::atomic<bool> ended_{false};
+    std::atomic<bool> stalled_{false}; // the source had no data at the last render
+    std::vector<float> scratch_;  // DSP format conversion and single-channel blocks
+
+    mutable std::mutex listMutex_;
+    std::shared_ptr<const std::vector<std::shared_ptr<DspEntry>>> dsps_;
+    std::shared_ptr<const std::vector<std::shared_ptr<SyncEntry>>> syncs_;
+    uint64_t dspOrder_ = 0;
+
+    SeqLocked<Slide> volume_, pan_, freqAttr_;
+    std::atomic<ChannelState> state_{ChannelState::Stopped};
+    std::atomic<bool> freed_{false};
+    std::atomic<bool> stopAfterSlide_{false};
+    std::atomic<uint32_t> slidesPending_{0}; // attributes whose SLIDE syncs are still to fire
+    std::unique_ptr<Voice> voice_;
+
+    friend class Voice;
+};
+
+// The channel currently rendered on this thread (for re-entrant calls).
+Channel* currentRenderChannel();
+
+} // namespace tavro::platform

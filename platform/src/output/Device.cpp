@@ -1,0 +1,273 @@
+#include "output/Device.hpp"
+
+#include "channel/Channel.hpp"
+#include "core/Config.hpp"
+#include "core/Error.hpp"
+#include "core/Handles.hpp"
+#include "output/PulseDirectory.hpp"
+#include "output/Voice.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <thread>
+
+namespace tavro::platform {
+
+namespace {
+
+struct Registry {
+    std::mutex mutex;
+    std::map<int, std::shared_ptr<Device>> devices;
+    int lastInitialised = -1;
+    std::mutex slideMutex;
+    std::vector<std::weak_ptr<Channel>> sliding;
+};
+
+Registry& registry() {
+    static Registry* r = new Registry(); // used by threads that outlive static destruction
+    return *r;
+}
+
+thread_local int tlsDevice = -1;
+
+// Renders playing channels ahead into their rings.
+class Updater {
+  public:
+    Updater() {
+        thread_ = std::thread([this] { run(); });
+        thread_.detach();
+    }
+    void wake() {
+        {
+            std::lock_guard lock(mutex_);
+            woken_ = true;
+        }
+        cv_.notify_one();
+    }
+
+  private:
+    void run() {
+        std::vector<std::shared_ptr<Channel>> work;
+        for (;;) {
+            work.clear();
+            for (auto& d : Device::all()) {
+                auto chans = d->attachedChannels();
+                work.insert(work.end(), chans.begin(), chans.end());
+            }
+            const DWORD bufferMs = Config::value(BASS_CONFIG_BUFFER);
+            for (auto& ch : work) {
+                if (ch->state() != ChannelState::Playing || ch->ended() || ch->isFreed()) continue;
+                ch->fillRing(static_cast<size_t>(uint64_t(ch->freq()) * bufferMs / 1000));
+            }
+            work.clear(); // release references before sleeping
+            DWORD period = Config::value(BASS_CONFIG_UPDATEPERIOD);
+            // Never sleep longer than a third of the buffer, or it would run dry.
+            period = std::clamp<DWORD>(period == 0 ? 10 : period, 5, std::max<DWORD>(5, bufferMs / 3));
+            std::unique_lock lock(mutex_);
+            cv_.wait_for(lock, std::chrono::milliseconds(period), [this] { return woken_; });
+            woken_ = false;
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool woken_ = false;
+    std::thread thread_;
+};
+
+Updater& updater() {
+    static Updater* u = new Updater();
+    return *u;
+}
+
+} // namespace
+
+Device::Device(int number, DWORD rate, DWORD flags) : number_(number), rate_(rate), flags_(flags) {
+    live_.store(new std::vector<Channel*>());
+}
+
+Device::~Device() {
+    if (backend_) backend_->stop();
+    backend_.reset();
+    delete live_.load();
+}
+
+std::shared_ptr<Device> Device::open(int number, DWORD rate, DWORD flags) {
+    if (rate == 0) rate = 44100;
+    if (rate < 1000 || rate > 384000) return failWith<std::shared_ptr<Device>>(BASS_ERROR_FREQ, nullptr);
+    std::shared_ptr<Device> d(new Device(number, rate, flags));
+    if (number == 0) {
+        d->backend_ = makeNoSoundBackend(*d);
+    } else {
+        const ServerDevices sd = PulseDirectory::snapshot();
+        if (number < 1 || static_cast<size_t>(number) > sd.sinks.size())
+            return failWith<std::shared_ptr<Device>>(BASS_ERROR_DEVICE, nullptr);
+        const ServerDevice& sink = sd.sinks[static_cast<size_t>(number - 1)];
+        if (!sink.present) return failWith<std::shared_ptr<Device>>(BASS_ERROR_DEVICE, nullptr);
+        d->backend_ = makePulseBackend(*d, sink.name);
+        if (!d->backend_) return failWith<std::shared_ptr<Device>>(BASS_ERROR_DRIVER, nullptr);
+    }
+    updater(); // make sure the update thread runs
+    return d;
+}
+
+void Device::render(float* out, size_t frames) {
+    callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
+    std::fill(out, out + frames * 2, 0.0f);
+    const std::vector<Channel*>* list = live_.load(std::memory_order_acquire);
+    const int64_t now = monotonicNs();
+    const float gStream = static_cast<float>(Config::value(BASS_CONFIG_GVOL_STREAM)) / 10000.0f;
+    const float gMusic = static_cast<float>(Config::value(BASS_CONFIG_GVOL_MUSIC)) / 10000.0f;
+    const float gSample = static_cast<float>(Config::value(BASS_CONFIG_GVOL_SAMPLE)) / 10000.0f;
+    for (Channel* ch : *list) {
+        Voice* v = ch->voice();
+        if (!v || ch->state() != ChannelState::Playing) continue;
+        const DWORD ct = ch->ctype();
+        const float g = (ct & BASS_CTYPE_MUSIC_MOD) ? gMusic : (ct == BASS_CTYPE_SAMPLE) ? gSample : gStream;
+        v->mix(out, frames, static_cast<double>(rate_), now, g);
+    }
+    for (size_t i = 0; i < frames * 2; ++i) out[i] = std::clamp(out[i], -1.0f, 1.0f);
+    framesRendered_.fetch_add(frames, std::memory_order_acq_rel);
+    callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void Device::publishLocked() {
+    auto* next = new std::vector<Channel*>();
+    next->reserve(owners_.size());
+    for (auto& c : owners_) next->push_back(c.get());
+    const std::vector<Channel*>* old = live_.exchange(next, std::memory_order_acq_rel);
+    // A callback that started before the exchange may still read the old list.
+    const uint64_t seq = callbackSeq_.load(std::memory_order_acquire);
+    if (seq & 1u)
+        while (callbackSeq_.load(std::memory_order_acquire) == seq)
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+    delete old;
+}
+
+void Device::attach(const std::shared_ptr<Channel>& ch) {
+    std::lock_guard lock(writerMutex_);
+    if (std::find(owners_.begin(), owners_.end(), ch) != owners_.end()) return;
+    owners_.push_back(ch);
+    publishLocked();
+}
+
+void Device::detach(Channel& ch) {
+    std::shared_ptr<Channel> released; // dropped after the lock, outside the device's view
+    std::lock_guard lock(writerMutex_);
+    auto it = std::find_if(owners_.begin(), owners_.end(), [&](auto& c) { return c.get() == &ch; });
+    if (it == owners_.end()) return;
+    released = std::move(*it);
+    owners_.erase(it);
+    publishLocked();
+}
+
+std::vector<std::shared_ptr<Channel>> Device::attachedChannels() {
+    std::lock_guard lock(writerMutex_);
+    return owners_;
+}
+
+bool Device::startOutput() {
+    if (!backend_) return false;
+    if (backend_->failed()) return fail(BASS_ERROR_REINIT);
+    if (!backend_->start()) return fail(BASS_ERROR_DRIVER);
+    running_.store(true);
+    return true;
+}
+
+void Device::stopOutput() {
+    if (backend_) backend_->stop();
+    running_.store(false);
+}
+
+void Device::shutdown() {
+    stopOutput();
+    for (auto& obj : Handles::all(ObjectKind::Channel)) {
+        auto ch = std::static_pointer_cast<Channel>(obj);
+        if (ch->device().get() != this) continue;
+        Handles::remove(ch->handle());
+        ch->free();
+    }
+    std::lock_guard lock(writerMutex_);
+    owners_.clear();
+    publishLocked();
+    backend_.reset();
+}
+
+bool Device::registerInitialised(const std::shared_ptr<Device>& d) {
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    if (r.devices.count(d->number())) return false;
+    r.devices[d->number()] = d;
+    r.lastInitialised = d->number();
+    tlsDevice = d->number();
+    return true;
+}
+
+std::shared_ptr<Device> Device::byNumber(int number) {
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    auto it = r.devices.find(number);
+    return it == r.devices.end() ? nullptr : it->second;
+}
+
+std::shared_ptr<Device> Device::current() {
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    auto it = r.devices.find(tlsDevice);
+    if (it != r.devices.end()) return it->second;
+    // A thread that never chose a device uses the one initialised last.
+    it = r.devices.find(r.lastInitialised);
+    if (it != r.devices.end()) return it->second;
+    return r.devices.empty() ? nullptr : r.devices.begin()->second;
+}
+
+void Device::setCurrent(int number) { tlsDevice = number; }
+
+std::shared_ptr<Device> Device::unregisterCurrent() {
+    auto d = current();
+    if (!d) return nullptr;
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    r.devices.erase(d->number());
+    if (r.lastInitialised == d->number()) r.lastInitialised = r.devices.empty() ? -1 : r.devices.rbegin()->first;
+    return d;
+}
+
+std::vector<std::shared_ptr<Device>> Device::all() {
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    std::vector<std::shared_ptr<Device>> out;
+    for (auto& [n, d] : r.devices) out.push_back(d);
+    return out;
+}
+
+void Device::watchSlides(const std::shared_ptr<Channel>& ch) {
+    Registry& r = registry();
+    std::lock_guard lock(r.slideMutex);
+    for (auto& w : r.sliding)
+        if (w.lock() == ch) return;
+    r.sliding.push_back(ch);
+}
+
+void Device::forEachSliding(const std::function<void(Channel&, int64_t)>& fn) {
+    Registry& r = registry();
+    std::vector<std::shared_ptr<Channel>> live;
+    {
+        std::lock_guard lock(r.slideMutex);
+        for (auto& w : r.sliding)
+            if (auto c = w.lock()) live.push_back(c);
+    }
+    const int64_t now = monotonicNs();
+    for (auto& c : live) fn(*c, now);
+    std::lock_guard lock(r.slideMutex);
+    std::erase_if(r.sliding, [&](const std::weak_ptr<Channel>& w) {
+        auto c = w.lock();
+        if (!c || c->isFreed()) return true;
+        return !c->isSliding(0);
+    });
+}
+
+void Device::wakeUpdater() { updater().wake(); }
+
+} // namespace tavro::platform

@@ -1,0 +1,96 @@
+// Output devices: the no-sound device (0) and the sound server's outputs.
+//
+// A device owns a backend that pulls the mix, and the list of channels that
+// play on it. The device thread reads that list through an immutable snapshot;
+// a writer publishes a new one and waits for the callback in flight (bounded
+// by one callback) before releasing the old, so the device thread never waits.
+//
+// Threading: create/free/start/stop and the registry on application threads;
+// render() on the backend's thread; attachedChannels() on the update thread.
+#pragma once
+
+#include "bass.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tavro::platform {
+
+class Channel;
+class Device;
+
+class Backend {
+  public:
+    virtual ~Backend() = default;
+    virtual bool start() = 0;
+    virtual void stop() = 0;
+    virtual bool failed() const { return false; }
+    virtual DWORD latencyMs() const { return 0; }
+};
+
+class Device : public std::enable_shared_from_this<Device> {
+  public:
+    // Opens device `number` (already resolved, not -1). Sets the error on failure.
+    static std::shared_ptr<Device> open(int number, DWORD rate, DWORD flags);
+    ~Device();
+
+    int number() const { return number_; }
+    DWORD rate() const { return rate_; }
+    DWORD initFlags() const { return flags_; }
+    bool isRunning() const { return running_.load(); }
+    bool failed() const { return backend_ && backend_->failed(); }
+    DWORD latencyMs() const { return backend_ ? backend_->latencyMs() : 0; }
+
+    // Device thread: mixes every playing channel into interleaved stereo.
+    void render(float* out, size_t frames);
+    uint64_t framesRendered() const { return framesRendered_.load(std::memory_order_acquire); }
+
+    void attach(const std::shared_ptr<Channel>& ch);
+    void detach(Channel& ch);
+    std::vector<std::shared_ptr<Channel>> attachedChannels();
+
+    bool startOutput();
+    void stopOutput();
+    // Frees every channel made on this device and closes the backend.
+    void shutdown();
+
+    // Registry of initialised devices and each thread's current device.
+    static bool registerInitialised(const std::shared_ptr<Device>& d);
+    static std::shared_ptr<Device> byNumber(int number);
+    static std::shared_ptr<Device> current();
+    static void setCurrent(int number);
+    static std::shared_ptr<Device> unregisterCurrent();
+    static std::vector<std::shared_ptr<Device>> all();
+
+    // Channels with slides in progress, for the sync thread.
+    static void watchSlides(const std::shared_ptr<Channel>& ch);
+    static void forEachSliding(const std::function<void(Channel&, int64_t)>& fn);
+
+    // Wakes the update thread so a newly played channel fills at once.
+    static void wakeUpdater();
+
+  private:
+    Device(int number, DWORD rate, DWORD flags);
+    void publishLocked();
+
+    const int number_;
+    const DWORD rate_, flags_;
+    std::unique_ptr<Backend> backend_;
+    std::atomic<bool> running_{false};
+
+    std::mutex writerMutex_;
+    std::vector<std::shared_ptr<Channel>> owners_;
+    std::atomic<const std::vector<Channel*>*> live_{nullptr};
+    std::atomic<uint64_t> callbackSeq_{0}; // odd while render() runs
+    std::atomic<uint64_t> framesRendered_{0};
+};
+
+std::unique_ptr<Backend> makeNoSoundBackend(Device& device);
+// Null when the server cannot be reached or refuses the stream.
+std::unique_ptr<Backend> makePulseBackend(Device& device, const std::string& sinkName);
+
+} // namespace tavro::platform

@@ -1,0 +1,154 @@
+#include "output/Voice.hpp"
+
+#include "channel/Channel.hpp"
+#include "runtime/SyncThread.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace tavro::platform {
+
+Voice::Voice(Channel& channel, size_t ringFrames, size_t historyFrames, int srcQuality) : channel_(channel) {
+    ring.allocate(ringFrames, channel.chans());
+    history.allocate(historyFrames, channel.chans());
+    resampler_.configure(channel.chans(), srcQuality);
+    scratch_.assign(Resampler::kMaxOutBlock * channel.chans(), 0.0f);
+    heardPos_.store(channel.decodePositionFrames());
+}
+
+void Voice::requestFlush(uint64_t pos) {
+    const uint32_t gen = flushGen_.load(std::memory_order_relaxed) + 1;
+    flush_.store({ring.written(), pos, gen});
+    flushGen_.store(gen, std::memory_order_release);
+}
+
+uint64_t Voice::heardPosition() const {
+    const FlushRequest f = flush_.load();
+    // Until the device thread has taken a flush, the new position is the answer.
+    if (f.gen != 0 && ring.readPos() < f.discardTo) return f.pos;
+    return heardPos_.load(std::memory_order_acquire);
+}
+
+void Voice::applyFlush() {
+    const uint32_t gen = flushGen_.load(std::memory_order_acquire);
+    if (gen == flushAck_) return;
+    const FlushRequest f = flush_.load();
+    while (const RingMarker* m = markers.front()) {
+        if (m->at > f.discardTo) break;
+        markers.pop();
+    }
+    while (const HeardEvent* e = events.front()) {
+        if (e->at >= f.discardTo) break;
+        events.pop();
+    }
+    heardPos_.store(f.pos, std::memory_order_release);
+    ring.skipTo(f.discardTo);
+    resampler_.reset();
+    tail_ = 0;
+    flushAck_ = f.gen;
+}
+
+size_t Voice::pull(float* dst, size_t frames) {
+    const unsigned ch = channel_.chans();
+    size_t done = 0;
+    while (done < frames) {
+        uint64_t r = ring.readPos();
+        // Markers and events apply at exact ring indices: stop at the next one.
+        size_t limit = frames - done;
+        while (const RingMarker* m = markers.front()) {
+            if (m->at > r) {
+                limit = static_cast<size_t>(std::min<uint64_t>(limit, m->at - r));
+                break;
+            }
+            heardPos_.store(m->pos, std::memory_order_release);
+            markers.pop();
+        }
+        while (const HeardEvent* e = events.front()) {
+            if (e->at > r) {
+                limit = static_cast<size_t>(std::min<uint64_t>(limit, e->at - r));
+                break;
+            }
+            SyncThread::post(SyncEvent::fire(channel_.handle(), e->sync, e->data));
+            events.pop();
+        }
+        const size_t got = ring.read(dst + done * ch, limit);
+        if (got) {
+            history.write(dst + done * ch, got);
+            heardPos_.fetch_add(got, std::memory_order_acq_rel);
+            done += got;
+        }
+        if (got < limit) break;
+    }
+    if (done < frames && channel_.ended() && ring.available() == 0 && events.empty()) {
+        // Feed silence after the end so the resampler's lookahead drains.
+        const size_t z = std::min(frames - done, 2 * static_cast<size_t>(64) - std::min<size_t>(tail_, 128));
+        std::memset(dst + done * ch, 0, z * ch * sizeof(float));
+        tail_ += z;
+        done += z;
+    }
+    return done;
+}
+
+void Voice::gains(int64_t now, float globalVolume, float& l, float& r) const {
+    const float vol = std::max(0.0f, channel_.volumeNow(now)) * globalVolume;
+    const float pan = std::clamp(channel_.panNow(now), -1.0f, 1.0f);
+    // Balance law: the side away from the pan keeps full level.
+    l = vol * (pan > 0 ? 1.0f - pan : 1.0f);
+    r = vol * (pan < 0 ? 1.0f + pan : 1.0f);
+}
+
+void Voice::mix(float* out, size_t frames, double deviceRate, int64_t now, float globalVolume) {
+    applyFlush();
+    const unsigned ch = channel_.chans();
+    const double ratio = channel_.rateNow(now) / deviceRate;
+    float gl, gr;
+    gains(now, globalVolume, gl, gr);
+    if (lastL_ < 0) lastL_ = gl, lastR_ = gr;
+    const float startL = lastL_, startR = lastR_;
+    size_t done = 0;
+    bool dry = false;
+    while (done < frames && !dry) {
+        const size_t want = std::min(frames - done, Resampler::kMaxOutBlock);
+        const size_t got = resampler_.process(scratch_.data(), want, ratio,
+                                              [this](float* d, size_t n) { return pull(d, n); });
+        dry = got < want;
+        // Gains ramp over the callback so volume and pan changes never click.
+        const float inv = 1.0f / static_cast<float>(frames);
+        for (size_t i = 0; i < got; ++i) {
+            const float t = static_cast<float>(done + i) * inv;
+            const float l = startL + (gl - startL) * t;
+            const float r = startR + (gr - startR) * t;
+            const float* s = scratch_.data() + i * ch;
+            float* o = out + (done + i) * 2;
+            switch (ch) {
+            case 1:
+                o[0] += s[0] * l;
+                o[1] += s[0] * r;
+                break;
+            case 2:
+                o[0] += s[0] * l;
+                o[1] += s[1] * r;
+                break;
+            default: {
+                // Fold surround layouts to stereo: front pair direct, centre and
+                // LFE to both at -3 dB, rear and side pairs to their side at -3 dB.
+                constexpr float k = 0.70710678f;
+                float sl = s[0], sr = s[1];
+                if (ch > 2) sl += k * s[2], sr += k * s[2];
+                if (ch > 3) sl += k * s[3], sr += k * s[3];
+                for (unsigned c = 4; c + 1 < ch; c += 2) sl += k * s[c], sr += k * s[c + 1];
+                if (ch > 4 && (ch % 2) == 1) sl += k * s[ch - 1], sr += k * s[ch - 1];
+                o[0] += sl * l;
+                o[1] += sr * r;
+            }
+            }
+        }
+        done += got;
+    }
+    lastL_ = gl;
+    lastR_ = gr;
+    if (dry && channel_.ended() && ring.available() == 0 && events.empty() && tail_ >= 128) channel_.markDrained();
+}
+
+} // namespace tavro::platform

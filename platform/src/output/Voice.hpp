@@ -1,0 +1,72 @@
+// The playback side of a channel: the ring the renderer fills ahead, and what
+// the device thread needs to turn it into heard sound (resampling, volume and
+// pan ramps, heard position, syncs that fire when heard).
+//
+// Threading: the ring's producer, push of markers and events, and
+// requestFlush() run under the channel's renderMutex; mix() and everything it
+// touches run on the device thread and never block; heardPosition() and
+// latest() may be called from any thread.
+#pragma once
+
+#include "bass.h"
+#include "core/LockFree.hpp"
+#include "output/Resampler.hpp"
+
+#include <atomic>
+#include <cstdint>
+
+namespace tavro::platform {
+
+class Channel;
+
+struct RingMarker {
+    uint64_t at;  // ring index where a new position starts
+    uint64_t pos; // that position, in frames
+};
+
+struct HeardEvent {
+    uint64_t at; // ring index at which the event is heard
+    HSYNC sync;
+    DWORD data;
+};
+
+struct FlushRequest {
+    uint64_t discardTo; // ring index: everything before it is dropped
+    uint64_t pos;       // heard position from then on
+    uint32_t gen;
+};
+
+class Voice {
+  public:
+    Voice(Channel& channel, size_t ringFrames, size_t historyFrames, int srcQuality);
+
+    FrameRing ring;
+    HistoryRing history;
+    SpscQueue<RingMarker> markers{256};
+    SpscQueue<HeardEvent> events{1024};
+
+    // Renderer side: drop what is buffered and restart the heard position.
+    void requestFlush(uint64_t pos);
+    // Mixes up to `frames` device frames into a stereo buffer (adds).
+    void mix(float* out, size_t frames, double deviceRate, int64_t now, float globalVolume);
+    uint64_t heardPosition() const;
+    // Frames buffered ahead of what is heard.
+    size_t buffered() const { return ring.available() + resampler_.pending(); }
+
+  private:
+    size_t pull(float* dst, size_t frames);
+    void applyFlush();
+    void gains(int64_t now, float globalVolume, float& l, float& r) const;
+
+    Channel& channel_;
+    Resampler resampler_;
+    std::vector<float> scratch_;
+    SeqLocked<FlushRequest> flush_;
+    std::atomic<uint32_t> flushGen_{0};
+    uint32_t flushAck_ = 0;
+    std::atomic<uint64_t> heardPos_{0};
+    size_t tail_ = 0;      // zero frames fed after the end, to flush the resampler
+    float lastL_ = -1, lastR_ = -1;
+};
+
+} // namespace tavro::platform

@@ -1,0 +1,50 @@
+// Shared helpers for tests of the audio platform.
+#pragma once
+
+#include <bass.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace tavro::test {
+
+// Initialises the no-sound device for each test and frees it afterwards.
+class NoSoundTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(BASS_Init(0, 44100, 0, nullptr, nullptr)) << BASS_ErrorGetCode(); }
+    void TearDown() override { BASS_Free(); }
+};
+
+inline std::vector<float> sine(double freq, double rate, size_t frames, unsigned chans, float amp) {
+    std::vector<float> v(frames * chans);
+    for (size_t i = 0; i < frames; ++i)
+        for (unsigned c = 0; c < chans; ++c)
+            v[i * chans + c] = amp * static_cast<float>(std::sin(2 * M_PI * freq * static_cast<double>(i) / rate));
+    return v;
+}
+
+// Polls until the predicate holds or the timeout passes.
+inline bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < end) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return pred();
+}
+
+inline HSTREAM pushStream(DWORD freq, DWORD chans, DWORD flags, const std::vector<float>& data, bool end) {
+    HSTREAM h = BASS_StreamCreate(freq, chans, flags | BASS_SAMPLE_FLOAT, STREAMPROC_PUSH, nullptr);
+    if (h) {
+        DWORD len = static_cast<DWORD>(data.size() * sizeof(float));
+        if (end) len |= BASS_STREAMPROC_END;
+        BASS_StreamPutData(h, data.data(), len);
+    }
+    return h;
+}
+
+} // namespace tavro::test

@@ -19,10 +19,12 @@ double besselI0(double x) {
 }
 } // namespace
 
-SincTable::SincTable(int zc) : zc_(zc), size_(static_cast<size_t>(zc) * kResolution) {
+SincTable::SincTable(int zc)
+    : zc_(zc), cutoff_(zc <= 4 ? 0.86 : zc <= 8 ? 0.91 : zc <= 16 ? 0.95 : 0.97),
+      size_(static_cast<size_t>(zc) * kResolution) {
     // Cut-off a little below Nyquist leaves room for the transition band;
     // beta trades stop-band depth against width (about 80 dB here).
-    const double cutoff = zc <= 4 ? 0.86 : zc <= 8 ? 0.91 : zc <= 16 ? 0.95 : 0.97;
+    const double cutoff = cutoff_;
     const double beta = 8.0;
     const double i0b = besselI0(beta);
     table_.resize(size_ + 2, 0.0f);
@@ -33,6 +35,17 @@ SincTable::SincTable(int zc) : zc_(zc), size_(static_cast<size_t>(zc) * kResolut
         const double a = M_PI * x * cutoff;
         const double s = i == 0 ? cutoff : cutoff * std::sin(a) / a;
         table_[i] = static_cast<float>(s * w);
+    }
+    // Rows for phases 0..kPhases inclusive, so row p+1 always exists.
+    const int taps = 2 * zc;
+    phases_.resize(static_cast<size_t>(kPhases + 1) * taps);
+    for (int p = 0; p <= kPhases; ++p) {
+        const double frac = static_cast<double>(p) / kPhases;
+        for (int k = 0; k < taps; ++k) {
+            // Input j = floor(t) - zc + 1 + k lies at distance frac + zc - 1 - k from t.
+            const double d = std::fabs(frac + zc - 1 - k);
+            phases_[static_cast<size_t>(p) * taps + k] = at(d);
+        }
     }
 }
 
@@ -93,6 +106,7 @@ size_t Resampler::convolve(float* out, size_t n, double ratio) {
         }
         return produced;
     }
+    if (ratio <= table_->maxFastRatio()) return convolvePolyphase(out, n, ratio);
     const double scale = ratio > 1.0 ? 1.0 / ratio : 1.0;
     const double reach = table_->zeroCrossings() / scale;
     constexpr size_t kMaxTaps = 2 * 32 * 8 + 4;
@@ -123,6 +137,57 @@ size_t Resampler::convolve(float* out, size_t n, double ratio) {
                 float acc = 0;
                 for (size_t k = 0; k < taps; ++k) acc += weights[k] * x[k * ch + c];
                 o[c] = acc;
+            }
+        }
+        phase_ += ratio;
+    }
+    return produced;
+}
+
+} // namespace tavro::platform
+
+namespace tavro::platform {
+
+size_t Resampler::convolvePolyphase(float* out, size_t n, double ratio) {
+    const unsigned ch = chans_;
+    const int zc = table_->zeroCrossings();
+    const size_t taps = static_cast<size_t>(2 * zc);
+    constexpr size_t kMaxTaps = 64;
+    alignas(32) float w[kMaxTaps];
+    size_t produced = 0;
+    for (; produced < n; ++produced) {
+        const double t = phase_;
+        const size_t base = static_cast<size_t>(t);
+        if (base + 1 < static_cast<size_t>(zc) || base + static_cast<size_t>(zc) >= fifoFrames_) break;
+        const double pf = (t - static_cast<double>(base)) * SincTable::kPhases;
+        const int p = static_cast<int>(pf);
+        const float f = static_cast<float>(pf - p);
+        const float* __restrict r0 = table_->phaseRow(p);
+        const float* __restrict r1 = table_->phaseRow(p + 1);
+        for (size_t k = 0; k < taps; ++k) w[k] = r0[k] + f * (r1[k] - r0[k]);
+        const float* __restrict x = fifo_.data() + (base + 1 - static_cast<size_t>(zc)) * ch;
+        float* o = out + produced * ch;
+        if (ch == 2) {
+            // Independent partial sums (taps are a multiple of 8) let the
+            // compiler keep several multiply-adds in flight.
+            float l[4] = {0, 0, 0, 0}, r[4] = {0, 0, 0, 0};
+            for (size_t k = 0; k < taps; k += 4)
+                for (size_t j = 0; j < 4; ++j) {
+                    l[j] += w[k + j] * x[2 * (k + j)];
+                    r[j] += w[k + j] * x[2 * (k + j) + 1];
+                }
+            o[0] = (l[0] + l[1]) + (l[2] + l[3]);
+            o[1] = (r[0] + r[1]) + (r[2] + r[3]);
+        } else if (ch == 1) {
+            float a[4] = {0, 0, 0, 0};
+            for (size_t k = 0; k < taps; k += 4)
+                for (size_t j = 0; j < 4; ++j) a[j] += w[k + j] * x[k + j];
+            o[0] = (a[0] + a[1]) + (a[2] + a[3]);
+        } else {
+            for (unsigned c = 0; c < ch; ++c) {
+                float a = 0;
+                for (size_t k = 0; k < taps; ++k) a += w[k] * x[k * ch + c];
+                o[c] = a;
             }
         }
         phase_ += ratio;

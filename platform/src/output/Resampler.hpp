@@ -32,11 +32,21 @@ class SincTable {
     }
     static constexpr int kResolution = 512;
 
+    // Polyphase view for ratios up to maxFastRatio(): row p holds the 2*zc
+    // weights for a fractional phase of p / kPhases, so one output needs
+    // only a blend of two rows and a dot product.
+    static constexpr int kPhases = 256;
+    const float* phaseRow(int p) const { return phases_.data() + static_cast<size_t>(p) * 2 * zc_; }
+    // Above this ratio the kernel must be widened to keep aliasing out.
+    double maxFastRatio() const { return 1.0 / cutoff_; }
+
   private:
     explicit SincTable(int zc);
     int zc_;
+    double cutoff_;
     size_t size_;
     std::vector<float> table_;
+    std::vector<float> phases_;
 };
 
 class Resampler {
@@ -69,6 +79,7 @@ class Resampler {
     template <typename Pull> size_t processBlock(float* out, size_t n, double ratio, Pull& pull);
     void compact(size_t keepFrom);
     size_t convolve(float* out, size_t n, double ratio);
+    size_t convolvePolyphase(float* out, size_t n, double ratio);
 
     unsigned chans_ = 0;
     int quality_ = 0;

@@ -297,6 +297,47 @@ typedef void(DSPPROC)(HDSP handle, DWORD channel, void *buffer, DWORD length, vo
 #define BASS_LEVEL_VOLPAN 8
 #define BASS_LEVEL_NOREMOVE 16
 
+/* Plug-ins */
+typedef struct {
+    DWORD ctype;      /* channel type */
+    const char *name; /* format description */
+    const char *exts; /* file extension filter (*.ext1;*.ext2;...) */
+} BASS_PLUGINFORM;
+
+typedef struct {
+    DWORD version;                 /* version (same form as BASS_GetVersion) */
+    DWORD formatc;                 /* number of formats */
+    const BASS_PLUGINFORM *formats;
+} BASS_PLUGININFO;
+
+/* Tags (BASS_ChannelGetTags) */
+#define BASS_TAG_ID3 0        /* ID3v1: the raw 128-byte record */
+#define BASS_TAG_ID3V2 1      /* ID3v2: the raw tag block */
+#define BASS_TAG_OGG 2        /* Vorbis comments: "key=value" strings */
+#define BASS_TAG_HTTP 3
+#define BASS_TAG_ICY 4
+#define BASS_TAG_META 5
+#define BASS_TAG_APE 6        /* APE tag: "key=value" strings */
+#define BASS_TAG_MP4 7        /* MP4/iTunes metadata: "key=value" strings */
+#define BASS_TAG_RIFF_INFO 0x100 /* RIFF INFO chunk: "key=value" strings */
+
+/* Further channel types of the built-in formats and plug-ins */
+#define BASS_CTYPE_STREAM_MP4 0x10b01
+#define BASS_CTYPE_STREAM_AAC 0x10b00
+#define BASS_CTYPE_STREAM_ALAC 0x10e00
+#define BASS_CTYPE_STREAM_AC3 0x11000
+#define BASS_CTYPE_STREAM_FLAC 0x10900
+#define BASS_CTYPE_STREAM_FLAC_OGG 0x10901
+#define BASS_CTYPE_STREAM_WV 0x10500
+#define BASS_CTYPE_STREAM_OPUS 0x11200
+#define BASS_CTYPE_STREAM_DSD 0x11700
+#define BASS_CTYPE_STREAM_APE 0x10700
+#define BASS_CTYPE_STREAM_WEBM 0x11d00
+#define BASS_CTYPE_STREAM_HLS 0x10300
+#define BASS_CTYPE_STREAM_MIDI 0x10d00
+#define BASS_CTYPE_STREAM_MPC 0x10a00
+#define BASS_CTYPE_STREAM_TTA 0x10f00
+
 /* Initialisation and devices */
 BOOL BASS_Init(int device, DWORD freq, DWORD flags, void *win, const void *dsguid);
 BOOL BASS_Free(void);
@@ -315,9 +356,14 @@ DWORD BASS_GetDevice(void);
 BOOL BASS_GetInfo(BASS_INFO *info);
 float BASS_GetCPU(void);
 
+
+/* Plug-ins */
+HPLUGIN BASS_PluginLoad(const char *file, DWORD flags);
 BOOL BASS_PluginFree(HPLUGIN handle);
+const BASS_PLUGININFO *BASS_PluginGetInfo(HPLUGIN handle);
 
 /* Streams */
+HSTREAM BASS_StreamCreateFile(BOOL mem, const void *file, QWORD offset, QWORD length, DWORD flags);
 HSTREAM BASS_StreamCreate(DWORD freq, DWORD chans, DWORD flags, STREAMPROC *proc, void *user);
 DWORD BASS_StreamPutData(HSTREAM handle, const void *buffer, DWORD length);
 BOOL BASS_StreamFree(HSTREAM handle);
@@ -348,6 +394,7 @@ BOOL BASS_ChannelRemoveSync(DWORD handle, HSYNC sync);
 DWORD BASS_ChannelGetData(DWORD handle, void *buffer, DWORD length);
 DWORD BASS_ChannelGetLevel(DWORD handle);
 BOOL BASS_ChannelGetLevelEx(DWORD handle, float *levels, float length, DWORD flags);
+const char *BASS_ChannelGetTags(DWORD handle, DWORD tags);
 
 #ifdef __cplusplus
 }

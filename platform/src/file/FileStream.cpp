@@ -1,0 +1,566 @@
+#include "file/FileStream.hpp"
+
+#include "core/Error.hpp"
+#include "output/Device.hpp"
+#include "plugin/Plugins.hpp"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
+}
+
+#include <algorithm>
+#include <cstring>
+
+namespace tavro::platform {
+
+namespace {
+
+struct Family {
+    std::string name;    // the plug-in family, or "" for a built-in format
+    DWORD ctype = 0;
+    bool known = false;
+    bool mpegAudio = false; // timestamps after a seek are estimates
+};
+
+bool formatIs(const AVInputFormat* f, const char* name) {
+    // Demuxer names may list several (e.g. "mov,mp4,m4a,3gp,3g2,mj2").
+    const std::string all = std::string(",") + f->name + ",";
+    return all.find(std::string(",") + name + ",") != std::string::npos;
+}
+
+Family classify(const AVInputFormat* f, const AVCodecParameters* par) {
+    const AVCodecID c = par->codec_id;
+    Family fam;
+    fam.known = true;
+    if (formatIs(f, "wav") || formatIs(f, "w64")) {
+        fam.ctype = (c == AV_CODEC_ID_PCM_F32LE || c == AV_CODEC_ID_PCM_F64LE) ? BASS_CTYPE_STREAM_WAV_FLOAT
+                    : (c >= AV_CODEC_ID_PCM_S16LE && c < AV_CODEC_ID_ADPCM_IMA_QT)
+                        ? BASS_CTYPE_STREAM_WAV_PCM
+                        : BASS_CTYPE_STREAM_WAV | (par->codec_tag & 0xFFFF);
+    } else if (formatIs(f, "aiff")) {
+        fam.ctype = BASS_CTYPE_STREAM_AIFF;
+    } else if (formatIs(f, "mp3")) {
+        fam.mpegAudio = true;
+        fam.ctype = c == AV_CODEC_ID_MP1 ? BASS_CTYPE_STREAM_MP1 : c == AV_CODEC_ID_MP2 ? BASS_CTYPE_STREAM_MP2 : BASS_CTYPE_STREAM_MP3;
+    } else if (formatIs(f, "ogg")) {
+        if (c == AV_CODEC_ID_VORBIS) fam.ctype = BASS_CTYPE_STREAM_OGG;
+        else if (c == AV_CODEC_ID_OPUS) fam.name = "opus", fam.ctype = BASS_CTYPE_STREAM_OPUS;
+        else if (c == AV_CODEC_ID_FLAC) fam.name = "flac", fam.ctype = BASS_CTYPE_STREAM_FLAC_OGG;
+        else fam.known = false;
+    } else if (formatIs(f, "flac")) {
+        fam.name = "flac", fam.ctype = BASS_CTYPE_STREAM_FLAC;
+    } else if (formatIs(f, "mp4")) {
+        fam.ctype = c == AV_CODEC_ID_ALAC ? BASS_CTYPE_STREAM_ALAC : BASS_CTYPE_STREAM_MP4;
+    } else if (formatIs(f, "aac")) {
+        fam.ctype = BASS_CTYPE_STREAM_AAC;
+    } else if (formatIs(f, "caf")) {
+        fam.ctype = c == AV_CODEC_ID_ALAC ? BASS_CTYPE_STREAM_ALAC : BASS_CTYPE_STREAM_CA;
+    } else if (formatIs(f, "ac3") || formatIs(f, "eac3")) {
+        fam.ctype = BASS_CTYPE_STREAM_AC3;
+    } else if (formatIs(f, "wv")) {
+        fam.name = "wavpack", fam.ctype = BASS_CTYPE_STREAM_WV;
+    } else if (formatIs(f, "ape")) {
+        fam.name = "ape", fam.ctype = BASS_CTYPE_STREAM_APE;
+    } else if (formatIs(f, "dsf") || (formatIs(f, "iff") && (c >= AV_CODEC_ID_DSD_LSBF && c <= AV_CODEC_ID_DSD_MSBF_PLANAR))) {
+        fam.name = "dsd", fam.ctype = BASS_CTYPE_STREAM_DSD;
+    } else if (formatIs(f, "matroska") || formatIs(f, "webm")) {
+        fam.name = "webm", fam.ctype = BASS_CTYPE_STREAM_WEBM;
+    } else if (formatIs(f, "mpc") || formatIs(f, "mpc8")) {
+        fam.name = "mpc", fam.ctype = BASS_CTYPE_STREAM_MPC;
+    } else if (formatIs(f, "tta")) {
+        fam.name = "tta", fam.ctype = BASS_CTYPE_STREAM_TTA;
+    } else {
+        fam.known = false; // tracker modules, video containers, playlists, ...
+    }
+    return fam;
+}
+
+std::string tagBlock(const AVDictionary* a, const AVDictionary* b = nullptr) {
+    std::string out;
+    for (const AVDictionary* d : {a, b}) {
+        const AVDictionaryEntry* e = nullptr;
+        while ((e = av_dict_get(d, "", e, AV_DICT_IGNORE_SUFFIX))) {
+            out += e->key;
+            out += '=';
+            out += e->value;
+            out += '\0';
+        }
+    }
+    if (out.empty()) return out;
+    out += '\0';
+    return out;
+}
+
+uint32_t le32(const uint8_t* p) { return p[0] | (p[1] << 8) | (p[2] << 16) | (uint32_t(p[3]) << 24); }
+
+// APE tag items as "key=value" strings; the footer sits at the end of the
+// file, before an ID3v1 record if there is one.
+std::string apeTags(MediaInput& in, bool hasId3v1) {
+    const int64_t end = in.size() - (hasId3v1 ? 128 : 0);
+    auto footer = in.readAt(end - 32, 32);
+    if (footer.size() != 32 || std::memcmp(footer.data(), "APETAGEX", 8) != 0) return {};
+    const uint32_t size = le32(&footer[12]), count = le32(&footer[16]);
+    if (size < 32 || size > 16 * 1024 * 1024 || static_cast<int64_t>(size) > end) return {};
+    auto items = in.readAt(end - size, size - 32);
+    std::string out;
+    size_t p = 0;
+    for (uint32_t i = 0; i < count && p + 8 < items.size(); ++i) {
+        const uint32_t len = le32(&items[p]), flags = le32(&items[p + 4]);
+        p += 8;
+        const auto keyEnd = std::find(items.begin() + static_cast<std::ptrdiff_t>(p), items.end(), 0);
+        if (keyEnd == items.end()) break;
+        const std::string key(items.begin() + static_cast<std::ptrdiff_t>(p), keyEnd);
+        p = static_cast<size_t>(keyEnd - items.begin()) + 1;
+        if (len > items.size() - p) break;
+        if (((flags >> 1) & 3) == 0) { // UTF-8 text
+            out += key + "=" + std::string(items.begin() + static_cast<std::ptrdiff_t>(p), items.begin() + static_cast<std::ptrdiff_t>(p + len));
+            out += '\0';
+        }
+        p += len;
+    }
+    if (!out.empty()) out += '\0';
+    return out;
+}
+
+} // namespace
+
+struct Decoder {
+    std::unique_ptr<MediaInput> input;
+    AVFormatContext* fmt = nullptr;
+    AVCodecContext* codec = nullptr;
+    SwrContext* swr = nullptr;
+    AVPacket* pkt = nullptr;
+    AVFrame* frame = nullptr;
+    int stream = -1;
+    AVRational tb{1, 1};
+    int rate = 0, outChans = 0;
+    int64_t firstPts = AV_NOPTS_VALUE;
+    bool draining = false;
+    Family family;
+    DWORD origres = 0;
+    HPLUGIN plugin = 0;
+    struct IndexEntry {
+        int64_t pos;
+        uint64_t sample;
+    };
+    std::vector<IndexEntry> index;
+    bool exact = true; // the sample count is known exactly (not an estimate after a seek)
+    int seekRetries = 0;
+    int64_t firstPacketPos = -1; // where the first audio packet starts (the way back to sample 0)
+
+    // Streams of self-contained frames without a container: timestamps after
+    // a seek are estimates, but a byte position reaches any frame exactly.
+    bool rawFrames() const {
+        return family.mpegAudio || family.ctype == BASS_CTYPE_STREAM_AAC || family.ctype == BASS_CTYPE_STREAM_AC3;
+    }
+
+    // Back to the first audio packet. Raw frame streams go there by byte: a
+    // timestamp seek may land on an information frame before it.
+    void rewind() {
+        if (firstPacketPos >= 0 && rawFrames())
+            av_seek_frame(fmt, stream, firstPacketPos, AVSEEK_FLAG_BYTE);
+        else
+            av_seek_frame(fmt, stream, streamStart(), AVSEEK_FLAG_BACKWARD);
+        avcodec_flush_buffers(codec);
+        draining = false;
+    }
+
+    ~Decoder() {
+        av_frame_free(&frame);
+        av_packet_free(&pkt);
+        swr_free(&swr);
+        avcodec_free_context(&codec);
+        if (fmt) avformat_close_input(&fmt);
+    }
+
+    // Samples to drop from a frame: the encoder delay at the start of the
+    // stream (flushing for a seek loses the decoder's own note of it, so the
+    // container's figure stands in), and padding at the very end.
+    void trimOf(const AVFrame* f, bool atStart, uint32_t& start, uint32_t& end) const {
+        bool marked = false;
+        if (const AVFrameSideData* sd = av_frame_get_side_data(f, AV_FRAME_DATA_SKIP_SAMPLES); sd && sd->size >= 8) {
+            start = le32(sd->data);
+            end = le32(sd->data + 4);
+            marked = start > 0;
+        }
+        if (!atStart) start = 0;
+        else if (!marked) start = static_cast<uint32_t>(std::max(0, fmt->streams[stream]->codecpar->initial_padding));
+    }
+
+    int64_t streamStart() const {
+        const AVStream* st = fmt->streams[stream];
+        return st->start_time != AV_NOPTS_VALUE ? st->start_time : 0;
+    }
+};
+
+std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, DWORD flags, std::shared_ptr<Device> device) {
+    using Result = std::shared_ptr<FileStream>;
+    // The demuxers' own diagnostics would go to stderr from any thread.
+    static const bool quiet = [] {
+        av_log_set_level(AV_LOG_QUIET);
+        return true;
+    }();
+    (void)quiet;
+    auto dec = std::make_unique<Decoder>();
+    dec->input = std::move(input);
+    if (dec->input->size() <= 0) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    AVIOContext* avio = dec->input->avio();
+    dec->fmt = avformat_alloc_context();
+    if (!avio || !dec->fmt) return failWith<Result>(BASS_ERROR_MEM, nullptr);
+    dec->fmt->pb = avio;
+    dec->fmt->flags |= AVFMT_FLAG_CUSTOM_IO;
+    if (avformat_open_input(&dec->fmt, nullptr, nullptr, nullptr) < 0) {
+        dec->fmt = nullptr; // freed by the failed open
+        return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    }
+    // A weak guess from a few bytes is how random data gets taken for audio.
+    if (dec->fmt->probe_score < AVPROBE_SCORE_MAX / 4) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    if (avformat_find_stream_info(dec->fmt, nullptr) < 0) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    const AVCodec* codec = nullptr;
+    dec->stream = av_find_best_stream(dec->fmt, AVMEDIA_TYPE_AUDIO, -1, -1, &codec, 0);
+    if (dec->stream == AVERROR_DECODER_NOT_FOUND) return failWith<Result>(BASS_ERROR_CODEC, nullptr);
+    if (dec->stream < 0) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    AVStream* st = dec->fmt->streams[dec->stream];
+    // Everything else is not ours to decode.
+    for (unsigned i = 0; i < dec->fmt->nb_streams; ++i)
+        if (static_cast<int>(i) != dec->stream) dec->fmt->streams[i]->discard = AVDISCARD_ALL;
+    dec->family = classify(dec->fmt->iformat, st->codecpar);
+    if (!dec->family.known) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    if (!dec->family.name.empty()) {
+        dec->plugin = Plugins::providerOf(dec->family.name);
+        if (!dec->plugin) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    }
+    const int chans = st->codecpar->ch_layout.nb_channels;
+    if (chans < 1 || chans > 32 || st->codecpar->sample_rate < 1000 || st->codecpar->sample_rate > 1536000)
+        return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    dec->codec = avcodec_alloc_context3(codec);
+    if (!dec->codec || avcodec_parameters_to_context(dec->codec, st->codecpar) < 0)
+        return failWith<Result>(BASS_ERROR_MEM, nullptr);
+    dec->codec->pkt_timebase = st->time_base;
+    // Encoder delay and padding are trimmed here, not by the decoder: the
+    // delay belongs to the start of the stream only, and a decoder that has
+    // just been flushed for a seek cannot tell.
+    dec->codec->flags2 |= AV_CODEC_FLAG2_SKIP_MANUAL;
+    if (avcodec_open2(dec->codec, codec, nullptr) < 0) return failWith<Result>(BASS_ERROR_CODEC, nullptr);
+    dec->tb = st->time_base;
+    dec->rate = dec->codec->sample_rate;
+    dec->outChans = (flags & BASS_SAMPLE_MONO) ? 1 : dec->codec->ch_layout.nb_channels;
+    const int bits = st->codecpar->bits_per_raw_sample ? st->codecpar->bits_per_raw_sample : st->codecpar->bits_per_coded_sample;
+    const auto sf = static_cast<AVSampleFormat>(st->codecpar->format);
+    dec->origres = (sf == AV_SAMPLE_FMT_FLT || sf == AV_SAMPLE_FMT_FLTP || sf == AV_SAMPLE_FMT_DBL || sf == AV_SAMPLE_FMT_DBLP)
+                       ? 32
+                       : static_cast<DWORD>(bits > 0 ? bits : 16);
+
+    AVChannelLayout inLayout{}, outLayout{};
+    if (dec->codec->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) av_channel_layout_default(&inLayout, dec->codec->ch_layout.nb_channels);
+    else av_channel_layout_copy(&inLayout, &dec->codec->ch_layout);
+    if (dec->outChans == 1) outLayout = AV_CHANNEL_LAYOUT_MONO;
+    else av_channel_layout_copy(&outLayout, &inLayout);
+    int err = swr_alloc_set_opts2(&dec->swr, &outLayout, AV_SAMPLE_FMT_FLT, dec->rate, &inLayout, dec->codec->sample_fmt,
+                                  dec->rate, 0, nullptr);
+    if (err >= 0 && dec->outChans == 1 && inLayout.nb_channels > 1) {
+        // Mono is the average of all channels, not the library's surround downmix.
+        std::vector<double> matrix(static_cast<size_t>(inLayout.nb_channels), 1.0 / inLayout.nb_channels);
+        err = swr_set_matrix(dec->swr, matrix.data(), inLayout.nb_channels);
+    }
+    av_channel_layout_uninit(&inLayout);
+    av_channel_layout_uninit(&outLayout);
+    if (err < 0 || swr_init(dec->swr) < 0) return failWith<Result>(BASS_ERROR_FORMAT, nullptr);
+    dec->pkt = av_packet_alloc();
+    dec->frame = av_frame_alloc();
+    if (!dec->pkt || !dec->frame) return failWith<Result>(BASS_ERROR_MEM, nullptr);
+
+    const int rate = dec->rate, outChans = dec->outChans;
+    const DWORD ctype = dec->family.ctype;
+    std::shared_ptr<FileStream> fs(new FileStream(std::move(dec), flags, std::move(device)));
+    (void)rate, (void)outChans, (void)ctype;
+    Decoder& d = *fs->dec_;
+    // The first frame proves the data decodes and fixes where sample 0 is.
+    fs->knowPosition_ = true;
+    fs->fromStart_ = true;
+    if (!fs->decodeFrame()) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+
+    // Length: exact from the container for most formats; MPEG audio and raw
+    // AAC only by counting (prescan).
+    const AVStream* s = d.fmt->streams[d.stream];
+    int64_t len = -1;
+    if (s->duration != AV_NOPTS_VALUE && s->duration > 0)
+        len = av_rescale_q(s->duration - (d.firstPts - d.streamStart()), d.tb, AVRational{1, d.rate});
+    else if (d.fmt->duration != AV_NOPTS_VALUE && d.fmt->duration > 0)
+        len = av_rescale_q(d.fmt->duration, AV_TIME_BASE_Q, AVRational{1, d.rate});
+    // A duration guessed from the bit rate is no end to stop at; a declared
+    // one is (it cuts codec padding that the container trims, as in MP4).
+    const bool estimated = d.fmt->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE || d.family.mpegAudio ||
+                           d.family.ctype == BASS_CTYPE_STREAM_AAC || d.family.ctype == BASS_CTYPE_STREAM_AC3;
+    if (!estimated) fs->containerLength_ = len;
+    fs->length_.store(len);
+    const bool pcm = formatIs(d.fmt->iformat, "wav") || formatIs(d.fmt->iformat, "aiff");
+    if ((flags & BASS_STREAM_PRESCAN) && !pcm) {
+        if (!fs->scan()) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    }
+
+    // Tags.
+    MediaInput& in = *d.input;
+    const auto tail = in.readAt(in.size() - 128, 128);
+    const bool id3v1 = tail.size() == 128 && std::memcmp(tail.data(), "TAG", 3) == 0;
+    if (id3v1) fs->tags_[BASS_TAG_ID3] = std::string(tail.begin(), tail.end());
+    const auto head = in.readAt(0, 10);
+    if (head.size() == 10 && std::memcmp(head.data(), "ID3", 3) == 0) {
+        const uint32_t size = (head[6] & 0x7F) << 21 | (head[7] & 0x7F) << 14 | (head[8] & 0x7F) << 7 | (head[9] & 0x7F);
+        const auto block = in.readAt(0, size + 10 + ((head[5] & 0x10) ? 10 : 0));
+        fs->tags_[BASS_TAG_ID3V2] = std::string(block.begin(), block.end());
+    }
+    if (auto ape = apeTags(in, id3v1); !ape.empty()) fs->tags_[BASS_TAG_APE] = ape;
+    const AVInputFormat* f = d.fmt->iformat;
+    std::string block = tagBlock(d.fmt->metadata, s->metadata);
+    if (!block.empty()) {
+        if (formatIs(f, "ogg") || formatIs(f, "flac")) fs->tags_[BASS_TAG_OGG] = block;
+        else if (formatIs(f, "mp4")) fs->tags_[BASS_TAG_MP4] = block;
+        else if (formatIs(f, "wav")) fs->tags_[BASS_TAG_RIFF_INFO] = block;
+    }
+    return succeedWith(fs);
+}
+
+FileStream::FileStream(std::unique_ptr<Decoder> dec, DWORD flags, std::shared_ptr<Device> device)
+    : Channel(static_cast<DWORD>(dec->rate), static_cast<DWORD>(dec->outChans), flags, dec->family.ctype, std::move(device)),
+      dec_(std::move(dec)) {}
+
+FileStream::~FileStream() = default;
+
+void FileStream::fillInfo(BASS_CHANNELINFO& info) const {
+    Channel::fillInfo(info);
+    if (dec_) {
+        info.origres = dec_->origres;
+        info.plugin = dec_->plugin;
+    }
+}
+
+const char* FileStream::tags(DWORD type) const {
+    auto it = tags_.find(type);
+    return it == tags_.end() ? nullptr : it->second.c_str();
+}
+
+bool FileStream::decodeFrame() {
+    Decoder& d = *dec_;
+    // Bounded so corrupt data can never spin forever.
+    for (int guard = 0; guard < 100000; ++guard) {
+        int r = avcodec_receive_frame(d.codec, d.frame);
+        if (r == 0) {
+            const int n = d.frame->nb_samples;
+            const int64_t ts = d.frame->best_effort_timestamp;
+            uint32_t skipStart = 0, skipEnd = 0;
+            d.trimOf(d.frame, fromStart_, skipStart, skipEnd);
+            fromStart_ = false;
+            if (d.firstPts == AV_NOPTS_VALUE)
+                d.firstPts = (ts != AV_NOPTS_VALUE ? ts : 0) + av_rescale_q(skipStart, AVRational{1, d.rate}, d.tb);
+            if (!knowPosition_) {
+                if (ts != AV_NOPTS_VALUE) {
+                    const int64_t idx = av_rescale_q(ts - d.firstPts, d.tb, AVRational{1, d.rate});
+                    nextSample_ = static_cast<uint64_t>(std::max<int64_t>(0, idx));
+                    // Landed after the target: the container's seek was coarse, go further back.
+                    if (nextSample_ > discardUntil_ && d.seekRetries < 6) {
+                        ++d.seekRetries;
+                        const int64_t back = av_rescale_q(static_cast<int64_t>(d.rate) << d.seekRetries, AVRational{1, d.rate}, d.tb);
+                        const int64_t target = d.firstPts + av_rescale_q(static_cast<int64_t>(discardUntil_), AVRational{1, d.rate}, d.tb) - back;
+                        av_frame_unref(d.frame);
+                        av_seek_frame(d.fmt, d.stream, std::max(target, d.streamStart()), AVSEEK_FLAG_BACKWARD);
+                        avcodec_flush_buffers(d.codec);
+                        d.draining = false;
+                        continue;
+                    }
+                }
+                knowPosition_ = true;
+            }
+            const int outMax = swr_get_out_samples(d.swr, n);
+            const size_t base = pending_.size();
+            pending_.resize(base + static_cast<size_t>(std::max(outMax, n)) * static_cast<size_t>(d.outChans));
+            uint8_t* outPtr = reinterpret_cast<uint8_t*>(pending_.data() + base);
+            const int got = swr_convert(d.swr, &outPtr, std::max(outMax, n), const_cast<const uint8_t**>(d.frame->extended_data), n);
+            av_frame_unref(d.frame);
+            if (got < 0) {
+                pending_.resize(base);
+                continue;
+            }
+            const size_t oc = static_cast<size_t>(d.outChans);
+            const size_t head = std::min<size_t>(skipStart, static_cast<size_t>(got));
+            const size_t keep = static_cast<size_t>(got) - head - std::min<size_t>(skipEnd, static_cast<size_t>(got) - head);
+            pending_.resize(base + (head + keep) * oc);
+            pending_.erase(pending_.begin() + static_cast<std::ptrdiff_t>(base),
+                           pending_.begin() + static_cast<std::ptrdiff_t>(base + head * oc));
+            // Exact seeks decode from a little earlier and drop up to the target.
+            const uint64_t idx = nextSample_;
+            nextSample_ += keep;
+            const int got2 = static_cast<int>(keep);
+            if (idx < discardUntil_) {
+                const size_t drop = static_cast<size_t>(std::min<uint64_t>(discardUntil_ - idx, static_cast<uint64_t>(got2)));
+                pending_.erase(pending_.begin() + static_cast<std::ptrdiff_t>(base),
+                               pending_.begin() + static_cast<std::ptrdiff_t>(base + drop * static_cast<size_t>(d.outChans)));
+            }
+            return true;
+        }
+        if (r == AVERROR_EOF) return false;
+        if (r != AVERROR(EAGAIN)) continue; // a broken frame: skip it
+        if (d.draining) return false;
+        r = av_read_frame(d.fmt, d.pkt);
+        if (r < 0) {
+            d.draining = true;
+            avcodec_send_packet(d.codec, nullptr);
+            continue;
+        }
+        if (d.pkt->stream_index == d.stream) {
+            if (d.firstPacketPos < 0) d.firstPacketPos = d.pkt->pos;
+            avcodec_send_packet(d.codec, d.pkt); // bad packets are skipped
+        }
+        av_packet_unref(d.pkt);
+    }
+    return false;
+}
+
+size_t FileStream::produce(float* out, size_t frames) {
+    if (!dec_) return 0;
+    const size_t ch = chans();
+    size_t done = 0;
+    while (done < frames) {
+        size_t avail = pending_.size() / ch - pendingPos_;
+        if (containerLength_ >= 0 && knowPosition_) {
+            const uint64_t at = nextSample_ - avail, end = static_cast<uint64_t>(containerLength_);
+            if (at >= end) {
+                eof_ = true;
+                break;
+            }
+            avail = static_cast<size_t>(std::min<uint64_t>(avail, end - at));
+        }
+        if (avail > 0) {
+            const size_t n = std::min(avail, frames - done);
+            std::memcpy(out + done * ch, pending_.data() + pendingPos_ * ch, n * ch * sizeof(float));
+            pendingPos_ += n;
+            done += n;
+            continue;
+        }
+        pending_.clear();
+        pendingPos_ = 0;
+        if (eof_) break;
+        if (!decodeFrame()) {
+            eof_ = true;
+            // Having counted every sample, the length is now exact.
+            if (dec_->exact && (containerLength_ < 0 || static_cast<int64_t>(nextSample_) < containerLength_))
+                length_.store(static_cast<int64_t>(nextSample_));
+            break;
+        }
+    }
+    return done;
+}
+
+bool FileStream::scan() {
+    Decoder& d = *dec_;
+    d.rewind();
+    d.index.clear();
+    uint64_t count = 0;
+    for (;;) {
+        const int r = av_read_frame(d.fmt, d.pkt);
+        if (r < 0) {
+            avcodec_send_packet(d.codec, nullptr);
+        } else if (d.pkt->stream_index != d.stream) {
+            av_packet_unref(d.pkt);
+            continue;
+        } else {
+            if (d.rawFrames()) d.index.push_back({d.pkt->pos, count});
+            avcodec_send_packet(d.codec, d.pkt);
+            av_packet_unref(d.pkt);
+        }
+        while (avcodec_receive_frame(d.codec, d.frame) == 0) {
+            uint64_t n = static_cast<uint64_t>(d.frame->nb_samples);
+            uint32_t skipStart = 0, skipEnd = 0;
+            d.trimOf(d.frame, count == 0, skipStart, skipEnd);
+            n -= std::min<uint64_t>(n, uint64_t(skipStart) + skipEnd);
+            count += n;
+            av_frame_unref(d.frame);
+        }
+        if (r < 0) break;
+    }
+    if (containerLength_ >= 0) count = std::min<uint64_t>(count, static_cast<uint64_t>(containerLength_));
+    length_.store(static_cast<int64_t>(count));
+    restartAt(0);
+    return count > 0;
+}
+
+void FileStream::restartAt(uint64_t frame) {
+    Decoder& d = *dec_;
+    const uint64_t target = frame;
+    pending_.clear();
+    pendingPos_ = 0;
+    eof_ = false;
+    fromStart_ = false;
+    d.draining = false;
+    d.seekRetries = 0;
+    discardUntil_ = frame;
+    // Decode from a few frames before the target: MPEG audio frames borrow
+    // bits from their predecessors, other codecs need a preroll.
+    constexpr size_t kPrerollPackets = 8;
+    if (!d.index.empty() && frame > 0) {
+        auto it = std::upper_bound(d.index.begin(), d.index.end(), frame,
+                                   [](uint64_t f, const Decoder::IndexEntry& e) { return f < e.sample; });
+        size_t k = static_cast<size_t>(it - d.index.begin());
+        k = k > kPrerollPackets ? k - kPrerollPackets : 0;
+        if (k == 0) frame = 0; // near the start: decode from the start (discarding up to the target)
+        else if (d.index[k].pos >= 0) {
+            av_seek_frame(d.fmt, d.stream, d.index[k].pos, AVSEEK_FLAG_BYTE);
+            avcodec_flush_buffers(d.codec);
+            nextSample_ = d.index[k].sample;
+            knowPosition_ = true;
+            d.exact = true;
+            return;
+        }
+    }
+    if (frame == 0) {
+        d.rewind();
+        discardUntil_ = target;
+        nextSample_ = 0;
+        knowPosition_ = true;
+        fromStart_ = true;
+        d.exact = true;
+        return;
+    }
+    const AVStream* st = d.fmt->streams[d.stream];
+    int64_t ts = d.firstPts + av_rescale_q(static_cast<int64_t>(frame), AVRational{1, d.rate}, d.tb);
+    // Transform codecs rebuild their first block after a flush from overlap
+    // they no longer have: start a little early and let those frames go.
+    const bool pcm = formatIs(d.fmt->iformat, "wav") || formatIs(d.fmt->iformat, "aiff");
+    const int64_t preroll = pcm ? 0 : std::max<int64_t>(st->codecpar->seek_preroll, d.rate / 10);
+    ts -= av_rescale_q(preroll, AVRational{1, d.rate}, d.tb);
+    av_seek_frame(d.fmt, d.stream, std::max(ts, d.streamStart()), AVSEEK_FLAG_BACKWARD);
+    avcodec_flush_buffers(d.codec);
+    knowPosition_ = false;
+    // MPEG audio timestamps after a seek are estimated from the byte position.
+    d.exact = !d.rawFrames();
+}
+
+bool FileStream::seekSource(uint64_t frame, DWORD mode) {
+    if (!dec_) return fail(BASS_ERROR_HANDLE);
+    const size_t avail = pending_.size() / chans() - pendingPos_;
+    const uint64_t current = nextSample_ - avail;
+    if ((mode & BASS_POS_SCAN) && dec_->index.empty() && dec_->rawFrames()) scan();
+    if ((mode & BASS_POS_DECODETO) && frame >= current && knowPosition_) {
+        // Decode up to the target rather than seek.
+        const uint64_t skip = std::min<uint64_t>(frame - current, avail);
+        pendingPos_ += static_cast<size_t>(skip);
+        discardUntil_ = frame;
+        eof_ = false;
+        return true;
+    }
+    if (frame == current && knowPosition_ && !eof_) return true;
+    restartAt(frame);
+    return true;
+}
+
+void FileStream::onFree() {
+    std::lock_guard lock(renderMutex_);
+    dec_.reset();
+    pending_.clear();
+    pending_.shrink_to_fit();
+}
+
+} // namespace tavro::platform

@@ -1,0 +1,77 @@
+// Test media made at test time: a deterministic 16-bit-exact signal written
+// as WAV by the test itself and encoded to other formats by Debian's ffmpeg.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace tavro::test {
+
+// A chirp plus a little noise: every frame differs, so a frame out of place
+// shows. Values are multiples of 1/32768, so 16-bit formats keep them exactly.
+inline std::vector<float> testSignal(size_t frames, unsigned chans, unsigned rate) {
+    std::vector<float> v(frames * chans);
+    uint32_t seed = 12345;
+    for (size_t i = 0; i < frames; ++i) {
+        const double t = static_cast<double>(i) / rate;
+        for (unsigned c = 0; c < chans; ++c) {
+            seed = seed * 1664525u + 1013904223u;
+            const double noise = (static_cast<double>(seed >> 9) / 8388608.0 - 0.5) * 0.05;
+            const double s = 0.5 * std::sin(2 * M_PI * (220.0 * (c + 1)) * t * (1.0 + t * 0.3)) + noise;
+            v[i * chans + c] = static_cast<float>(std::lrint(s * 32767.0) / 32768.0);
+        }
+    }
+    return v;
+}
+
+inline void put16(std::ofstream& f, uint16_t v) { f.put(char(v & 0xFF)).put(char(v >> 8)); }
+inline void put32(std::ofstream& f, uint32_t v) { put16(f, v & 0xFFFF), put16(f, v >> 16); }
+
+inline void writeWav16(const std::string& path, const std::vector<float>& pcm, unsigned rate, unsigned chans) {
+    std::ofstream f(path, std::ios::binary);
+    const uint32_t bytes = static_cast<uint32_t>(pcm.size() * 2);
+    f.write("RIFF", 4), put32(f, 36 + bytes), f.write("WAVEfmt ", 8), put32(f, 16), put16(f, 1), put16(f, chans);
+    put32(f, rate), put32(f, rate * chans * 2), put16(f, chans * 2), put16(f, 16), f.write("data", 4), put32(f, bytes);
+    for (float s : pcm) put16(f, static_cast<uint16_t>(static_cast<int16_t>(std::lrint(s * 32768.0f))));
+}
+
+// A folder of its own for one test binary, removed at exit.
+class MediaDir {
+  public:
+    MediaDir() {
+        char tmpl[] = "/tmp/tavro-media.XXXXXX";
+        dir_ = mkdtemp(tmpl);
+    }
+    ~MediaDir() { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+
+    // Encodes a WAV with ffmpeg; returns the output path, or "" on failure.
+    std::string encode(const std::string& wav, const std::string& name, const std::string& args) const {
+        const std::string out = path(name);
+        const std::string cmd = "ffmpeg -nostdin -v error -y -i '" + wav + "' " + args + " '" + out + "'";
+        return std::system(cmd.c_str()) == 0 ? out : "";
+    }
+
+  private:
+    std::string dir_;
+};
+
+inline std::vector<uint8_t> readFile(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+}
+
+inline void writeFile(const std::string& path, const std::vector<uint8_t>& data) {
+    std::ofstream f(path, std::ios::binary);
+    f.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+}
+
+} // namespace tavro::test

@@ -177,6 +177,7 @@ typedef struct {
 
 #define BASS_MUSIC_RAMPS 0x400
 #define BASS_MUSIC_PRESCAN 0x20000
+#define BASS_MUSIC_AUTOFREE BASS_STREAM_AUTOFREE
 
 /* Channel information */
 typedef struct {
@@ -320,6 +321,11 @@ typedef struct {
 #define BASS_TAG_APE 6        /* APE tag: "key=value" strings */
 #define BASS_TAG_MP4 7        /* MP4/iTunes metadata: "key=value" strings */
 #define BASS_TAG_RIFF_INFO 0x100 /* RIFF INFO chunk: "key=value" strings */
+#define BASS_TAG_MUSIC_NAME 0x10000    /* module title */
+#define BASS_TAG_MUSIC_MESSAGE 0x10001 /* module message (song text) */
+#define BASS_TAG_MUSIC_AUTH 0x10003    /* module author */
+#define BASS_TAG_MUSIC_INST 0x10100    /* + n: name of instrument n (0 = first) */
+#define BASS_TAG_MUSIC_SAMPLE 0x10300  /* + n: name of sample n (0 = first) */
 
 /* Further channel types of the built-in formats and plug-ins */
 #define BASS_CTYPE_STREAM_MP4 0x10b01
@@ -367,6 +373,10 @@ HSTREAM BASS_StreamCreateFile(BOOL mem, const void *file, QWORD offset, QWORD le
 HSTREAM BASS_StreamCreate(DWORD freq, DWORD chans, DWORD flags, STREAMPROC *proc, void *user);
 DWORD BASS_StreamPutData(HSTREAM handle, const void *buffer, DWORD length);
 BOOL BASS_StreamFree(HSTREAM handle);
+
+/* Tracker modules */
+HMUSIC BASS_MusicLoad(BOOL mem, const void *file, QWORD offset, DWORD length, DWORD flags, DWORD freq);
+BOOL BASS_MusicFree(HMUSIC handle);
 
 /* Channels */
 BOOL BASS_ChannelPlay(DWORD handle, BOOL restart);

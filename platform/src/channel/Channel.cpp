@@ -130,7 +130,7 @@ void Channel::runDsps(const std::vector<std::shared_ptr<DspEntry>>& dsps, float*
         if (!d->removed.load(std::memory_order_acquire)) d->process(*this, buf, frames);
 }
 
-void Channel::fireSync(SyncEntry& s, DWORD data) {
+void Channel::fireSync(SyncEntry& s, DWORD data, uint64_t heardAhead) {
     if (s.removed.load(std::memory_order_acquire)) return;
     if (s.mixtime) {
         if (s.onetime) s.removed.store(true);
@@ -139,36 +139,58 @@ void Channel::fireSync(SyncEntry& s, DWORD data) {
     }
     if (renderingToRing_ && voice_) {
         // Heard later: the device thread fires it when it reaches this frame.
-        voice_->events.push({ringBase_ + renderDone_, s.handle, data});
+        voice_->events.push({ringBase_ + renderDone_ + heardAhead, s.handle, data});
         return;
     }
     SyncThread::post(SyncEvent::fire(handle(), s.handle, data));
 }
 
-void Channel::firePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs) {
-    const uint64_t at = pos_.load(std::memory_order_relaxed);
-    const uint64_t from = syncFrom_;
-    if (at < from) return;
-    syncFrom_ = at + 1;
+// Position syncs fire when the timeline reaches their frame, whichever way it
+// runs: every frame passed since the last judgement is judged once, and after
+// a seek the frame landed on. Returns true when a sync moved the position.
+bool Channel::judgePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs) {
+    const auto at = static_cast<int64_t>(pos_.load(std::memory_order_relaxed));
+    int64_t lo = at, hi = at;
+    if (judged_) {
+        if (at == lastJudged_) return false;
+        if (at > lastJudged_) lo = lastJudged_ + 1;
+        else hi = lastJudged_ - 1;
+    }
+    judged_ = true;
+    lastJudged_ = at;
     const uint64_t bpf = bytesPerFrame();
+    // A stage's output lags its timeline: a sync heard later fires when the
+    // output reaches its frame.
+    const double outNow = outPos_.load(std::memory_order_relaxed);
     for (const auto& s : syncs) {
         if (s->type != BASS_SYNC_POS || s->removed.load()) continue;
-        const uint64_t p = s->param / bpf;
-        if (p < from || p > at) continue;
-        fireSync(*s, 0);
+        const auto p = static_cast<int64_t>(s->param / bpf);
+        if (p < lo || p > hi) continue;
+        const double ahead = (static_cast<double>(p) - outNow) / markRate_;
+        fireSync(*s, 0, ahead > 0 && ahead < 1e9 ? static_cast<uint64_t>(ahead) : 0);
         // A sync that moved the position ends this pass; the rest are judged anew there.
-        if (pos_.load(std::memory_order_relaxed) != at) return;
+        if (static_cast<int64_t>(pos_.load(std::memory_order_relaxed)) != at || !judged_) return true;
+    }
+    return false;
+}
+
+void Channel::firePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs) {
+    // A sync that seeks lands on a frame whose own syncs are due at once; the
+    // bound only stops a sync that keeps seeking onto itself.
+    for (int pass = 0; pass < 16 && judgePositionSyncs(syncs); ++pass) {
     }
 }
 
-uint64_t Channel::nextPositionSync(const std::vector<std::shared_ptr<SyncEntry>>& syncs) const {
+uint64_t Channel::framesToNextSync(const std::vector<std::shared_ptr<SyncEntry>>& syncs) const {
     uint64_t next = kNoSync;
     const uint64_t bpf = bytesPerFrame();
     const uint64_t at = pos_.load(std::memory_order_relaxed);
+    const bool forwards = timelineDirection() > 0;
     for (const auto& s : syncs) {
         if (s->type != BASS_SYNC_POS || s->removed.load()) continue;
         const uint64_t p = s->param / bpf;
-        if (p > at && p >= syncFrom_) next = std::min(next, p);
+        if (forwards && p > at) next = std::min(next, p - at);
+        if (!forwards && p < at) next = std::min(next, at - p);
     }
     return next;
 }
@@ -177,18 +199,47 @@ bool Channel::handleEnd(const std::vector<std::shared_ptr<SyncEntry>>& syncs) {
     const uint64_t at = pos_.load(std::memory_order_relaxed);
     for (const auto& s : syncs)
         if (s->type == BASS_SYNC_END) fireSync(*s, 0);
-    if (pos_.load(std::memory_order_relaxed) != at) return true; // a sync moved the position
-    if ((flags() & BASS_SAMPLE_LOOP) && seekable() && seekFramesLocked(0, 0)) {
-        if (renderingToRing_ && voice_) voice_->markers.push({ringBase_ + renderDone_, 0});
-        return true;
-    }
+    if (pos_.load(std::memory_order_relaxed) != at || !judged_) return true; // a sync moved the position
+    if ((flags() & BASS_SAMPLE_LOOP) && seekable() && seekFramesLocked(startFrame(), 0)) return true;
+    // Whatever a stage held back has come out: the position is the end.
+    outPos_.store(static_cast<double>(at), std::memory_order_release);
     ended_.store(true, std::memory_order_release);
     return false;
+}
+
+Channel::Span Channel::produceSpan(float* out, size_t frames, uint64_t maxTimeline) {
+    const uint64_t at = pos_.load(std::memory_order_relaxed);
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(frames, maxTimeline));
+    const size_t got = produce(out, n);
+    const int dir = timelineDirection();
+    return {got, dir > 0 ? at + got : at - got, static_cast<double>(at), static_cast<double>(dir), got < n};
+}
+
+void Channel::noteOutput(const Span& span) {
+    outPos_.store(span.outStart + static_cast<double>(span.frames) * span.rate, std::memory_order_release);
+    // The heard position follows markers; one is needed only where the mapping
+    // from ring frames to timeline frames changes (a seek, a loop, a new rate).
+    const bool continues =
+        !markerDue_ && span.rate == markRate_ && std::fabs(span.outStart - markNext_) < 0.5;
+    if (!continues && renderingToRing_ && voice_)
+        voice_->pushMarker(ringBase_ + renderDone_, span.outStart, span.rate);
+    markerDue_ = false;
+    markRate_ = span.rate;
+    markNext_ = span.outStart + static_cast<double>(span.frames) * span.rate;
+}
+
+void Channel::resetTimeline(uint64_t frame) {
+    std::lock_guard lock(renderMutex_);
+    pos_.store(frame, std::memory_order_release);
+    outPos_.store(static_cast<double>(frame), std::memory_order_release);
+    judged_ = false;
+    markerDue_ = true;
 }
 
 size_t Channel::read(float* out, size_t frames) {
     std::lock_guard lock(renderMutex_);
     RenderScope scope(this);
+    beginBlock();
     const auto dsps = dspSnapshot();
     const auto syncs = syncSnapshot();
     size_t done = 0;
@@ -196,19 +247,20 @@ size_t Channel::read(float* out, size_t frames) {
         if (renderingToRing_) renderDone_ = done;
         firePositionSyncs(*syncs);
         const uint64_t at = pos_.load(std::memory_order_relaxed);
-        size_t want = std::min(frames - done, kMaxBlockFrames);
-        const uint64_t next = nextPositionSync(*syncs);
-        if (next != kNoSync && next - at < want) want = static_cast<size_t>(next - at);
         float* dst = out + done * chans_;
-        const size_t got = produce(dst, want);
-        if (got) {
-            runDsps(*dsps, dst, got);
-            pos_.store(at + got, std::memory_order_release);
-            done += got;
+        const Span span =
+            produceSpan(dst, std::min(frames - done, kMaxBlockFrames), framesToNextSync(*syncs));
+        if (span.frames) {
+            runDsps(*dsps, dst, span.frames);
+            noteOutput(span);
+            done += span.frames;
             if (renderingToRing_) renderDone_ = done;
         }
-        stalled_.store(got < want && !sourceEnded(), std::memory_order_relaxed);
-        if (got < want) {
+        pos_.store(span.timeline, std::memory_order_release);
+        // A step that moved nothing is starved whatever it says, or this would spin.
+        const bool starved = span.starved || (span.frames == 0 && span.timeline == at);
+        stalled_.store(starved && !sourceEnded(), std::memory_order_relaxed);
+        if (starved) {
             if (!sourceEnded()) break; // stalled: no data yet
             if (!handleEnd(*syncs)) break;
         }
@@ -258,11 +310,11 @@ bool Channel::play(bool restart) {
         const bool wasEnded = ended_.load() && state() == ChannelState::Stopped;
         if (restart || wasEnded) {
             if (seekable()) {
-                if (!seekFramesLocked(0, 0)) return false;
+                if (!seekFramesLocked(startFrame(), 0)) return false;
             } else {
                 onRestart();
             }
-            if (voice_) voice_->requestFlush(pos_.load());
+            if (voice_) voice_->requestFlush(static_cast<uint64_t>(outputPosition()));
         }
         if (state() == ChannelState::Playing && !restart) return succeed();
         ensureVoice();
@@ -327,7 +379,9 @@ bool Channel::seekSource(uint64_t, DWORD) { return fail(BASS_ERROR_NOTFILE); }
 bool Channel::seekFramesLocked(uint64_t frame, DWORD mode) {
     if (!seekSource(frame, mode)) return false;
     pos_.store(frame, std::memory_order_release);
-    syncFrom_ = frame;
+    outPos_.store(static_cast<double>(frame), std::memory_order_release);
+    judged_ = false;
+    markerDue_ = true;
     ended_.store(false, std::memory_order_release);
     return true;
 }
@@ -341,15 +395,9 @@ bool Channel::setPosition(QWORD pos, DWORD mode) {
     std::lock_guard lock(renderMutex_);
     const bool reentrant = currentRenderChannel() == this;
     if (!seekFramesLocked(frame, mode)) return false;
-    if (voice_) {
-        if (reentrant && renderingToRing_) {
-            // A sync inside the render moved us: what was rendered before this
-            // frame is still to be heard, so no flush, just a marker.
-            voice_->markers.push({ringBase_ + renderDone_, frame});
-        } else {
-            voice_->requestFlush(frame);
-        }
-    }
+    // A sync inside the render moved us: what was rendered before this frame
+    // is still to be heard, so no flush; the next output starts a marker.
+    if (voice_ && !(reentrant && renderingToRing_)) voice_->requestFlush(frame);
     if (state() == ChannelState::Playing) Device::wakeUpdater();
     return succeed();
 }
@@ -357,7 +405,8 @@ bool Channel::setPosition(QWORD pos, DWORD mode) {
 QWORD Channel::position(DWORD mode) {
     if ((mode & 0xFF) != BASS_POS_BYTE) return failWith<QWORD>(BASS_ERROR_NOTAVAIL, static_cast<QWORD>(-1));
     uint64_t frames;
-    if (isDecoding() || !voice_ || (mode & BASS_POS_DECODE)) frames = pos_.load(std::memory_order_acquire);
+    if (isDecoding() || !voice_ || (mode & BASS_POS_DECODE))
+        frames = static_cast<uint64_t>(std::max(0.0, std::floor(outputPosition() + 1e-6)));
     else frames = voice_->heardPosition();
     return succeedWith<QWORD>(frames * bytesPerFrame());
 }

@@ -12,6 +12,9 @@
 //   channel (a loop sync seeking its own channel, a DSP removing itself).
 // - The device thread touches only the Voice (playback ring and its queues)
 //   and the atomics of the attributes; it never takes a lock.
+// - A stage (a channel that reads another one, such as the tempo stage) pulls
+//   its source inside its own read(), so the source's renderMutex is taken
+//   inside the stage's: always in that order.
 #pragma once
 
 #include "bass.h"
@@ -108,6 +111,20 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     QWORD length(DWORD mode);
     uint64_t decodePositionFrames() const { return pos_.load(std::memory_order_acquire); }
 
+    // ---- timeline ----
+    // Positions, lengths and position syncs are frames of the channel's
+    // timeline. For a plain channel that is its own output; a stage reports
+    // its source's timeline, which may run at another rate than its output
+    // (tempo) or backwards (reverse).
+    // Where the next frame that leaves read() lies on the timeline.
+    double outputPosition() const { return outPos_.load(std::memory_order_acquire); }
+    // +1 while the timeline runs forwards, -1 backwards.
+    virtual int timelineDirection() const { return 1; }
+    // Where play(restart) and looping start.
+    virtual uint64_t startFrame() const { return 0; }
+    bool canSeek() const { return seekable(); }
+    int64_t frameLength() const { return lengthFrames(); }
+
     // ---- attributes ----
     virtual bool setAttribute(DWORD attrib, float value);
     virtual bool getAttribute(DWORD attrib, float& value);
@@ -147,8 +164,26 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     void markDrained();
 
   protected:
+    // What one step of the source rendered.
+    struct Span {
+        size_t frames = 0;     // frames written to the output
+        uint64_t timeline = 0; // timeline position after the step
+        double outStart = 0;   // timeline position of the first frame written
+        double rate = 1;       // timeline frames per output frame (negative backwards)
+        bool starved = false;  // the source could give no more now: stalled or at its end
+    };
     // The source: produce up to `frames` frames. Called with renderMutex held.
     virtual size_t produce(float* out, size_t frames) = 0;
+    // One step of the source, moving the timeline at most `maxTimeline` frames
+    // (the distance to the next position sync, so that it fires on its exact
+    // frame). The default maps produce() one to one onto the timeline; a stage
+    // whose output and timeline differ overrides this.
+    virtual Span produceSpan(float* out, size_t frames, uint64_t maxTimeline);
+    // Called at the start of every read(), before anything is rendered: the
+    // place to pick up parameters published by application threads.
+    virtual void beginBlock() {}
+    // Puts the timeline at a frame without touching the source (set-up of a stage).
+    void resetTimeline(uint64_t frame);
     // After a short produce: true at the real end, false when merely stalled.
     virtual bool sourceEnded() const = 0;
     // Moves the source to a frame. Default: not seekable.
@@ -163,9 +198,11 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
 
   private:
     void runDsps(const std::vector<std::shared_ptr<DspEntry>>& dsps, float* buf, size_t frames);
-    void fireSync(SyncEntry& s, DWORD data);
+    void fireSync(SyncEntry& s, DWORD data, uint64_t heardAhead = 0);
+    bool judgePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs);
     void firePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs);
-    uint64_t nextPositionSync(const std::vector<std::shared_ptr<SyncEntry>>& syncs) const;
+    uint64_t framesToNextSync(const std::vector<std::shared_ptr<SyncEntry>>& syncs) const;
+    void noteOutput(const Span& span);
     bool handleEnd(const std::vector<std::shared_ptr<SyncEntry>>& syncs);
     bool seekFramesLocked(uint64_t frame, DWORD mode);
     void ensureVoice();
@@ -178,8 +215,13 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     std::shared_ptr<Device> device_;
 
     // Render state (renderMutex_).
-    std::atomic<uint64_t> pos_{0};
-    uint64_t syncFrom_ = 0;       // position syncs at or after this frame are still ahead
+    std::atomic<uint64_t> pos_{0};  // timeline position of the source: where syncs are judged
+    std::atomic<double> outPos_{0}; // timeline position of the next output frame
+    bool judged_ = false;           // position syncs up to lastJudged_ have been judged
+    int64_t lastJudged_ = 0;
+    bool markerDue_ = true;         // the next output starts a new heard-position marker
+    double markNext_ = 0;           // where the current marker's mapping puts the next frame
+    double markRate_ = 1;           // and its rate
     bool renderingToRing_ = false;
     uint64_t ringBase_ = 0;       // ring write index of the block being rendered
     size_t renderDone_ = 0;       // frames of that block done so far

@@ -14,7 +14,7 @@ Voice::Voice(Channel& channel, size_t ringFrames, size_t historyFrames, int srcQ
     history.allocate(historyFrames, channel.chans());
     resampler_.configure(channel.chans(), srcQuality);
     scratch_.assign(Resampler::kMaxOutBlock * channel.chans(), 0.0f);
-    heardPos_.store(channel.decodePositionFrames());
+    heardPos_.store(static_cast<uint64_t>(std::max(0.0, channel.outputPosition())));
 }
 
 void Voice::requestFlush(uint64_t pos) {
@@ -23,19 +23,36 @@ void Voice::requestFlush(uint64_t pos) {
     flushGen_.store(gen, std::memory_order_release);
 }
 
+void Voice::pushMarker(uint64_t at, double pos, double rate) {
+    markers.push({at, pos, rate, flushGen_.load(std::memory_order_relaxed)});
+}
+
+void Voice::advanceHeard(size_t frames) {
+    if (heardRate_ == 1.0 && heardFrac_ == 0.0) {
+        heardPos_.fetch_add(frames, std::memory_order_acq_rel);
+        return;
+    }
+    const double adv = static_cast<double>(frames) * heardRate_ + heardFrac_;
+    const double whole = std::floor(adv);
+    heardFrac_ = adv - whole;
+    // Two's complement: a negative step (reverse) wraps back correctly.
+    heardPos_.fetch_add(static_cast<uint64_t>(static_cast<int64_t>(whole)), std::memory_order_acq_rel);
+}
+
 uint64_t Voice::heardPosition() const {
     const FlushRequest f = flush_.load();
-    // Until the device thread has taken a flush, the new position is the answer.
-    if (f.gen != 0 && ring.readPos() < f.discardTo) return f.pos;
+    // Until the device thread has taken a flush, the new position is the
+    // answer (also when nothing was buffered yet to be dropped).
+    if (f.gen != flushAck_.load(std::memory_order_acquire)) return f.pos;
     return heardPos_.load(std::memory_order_acquire);
 }
 
 void Voice::applyFlush() {
     const uint32_t gen = flushGen_.load(std::memory_order_acquire);
-    if (gen == flushAck_) return;
+    if (gen == flushAck_.load(std::memory_order_relaxed)) return;
     const FlushRequest f = flush_.load();
     while (const RingMarker* m = markers.front()) {
-        if (m->at > f.discardTo) break;
+        if (m->gen >= f.gen) break;
         markers.pop();
     }
     while (const HeardEvent* e = events.front()) {
@@ -43,10 +60,12 @@ void Voice::applyFlush() {
         events.pop();
     }
     heardPos_.store(f.pos, std::memory_order_release);
+    heardRate_ = 1;
+    heardFrac_ = 0;
     ring.skipTo(f.discardTo);
     resampler_.reset();
     tail_ = 0;
-    flushAck_ = f.gen;
+    flushAck_.store(f.gen, std::memory_order_release);
 }
 
 size_t Voice::pull(float* dst, size_t frames) {
@@ -61,7 +80,11 @@ size_t Voice::pull(float* dst, size_t frames) {
                 limit = static_cast<size_t>(std::min<uint64_t>(limit, m->at - r));
                 break;
             }
-            heardPos_.store(m->pos, std::memory_order_release);
+            const double p = std::max(0.0, m->pos);
+            const double whole = std::floor(p);
+            heardPos_.store(static_cast<uint64_t>(whole), std::memory_order_release);
+            heardFrac_ = p - whole;
+            heardRate_ = m->rate;
             markers.pop();
         }
         while (const HeardEvent* e = events.front()) {
@@ -75,7 +98,7 @@ size_t Voice::pull(float* dst, size_t frames) {
         const size_t got = ring.read(dst + done * ch, limit);
         if (got) {
             history.write(dst + done * ch, got);
-            heardPos_.fetch_add(got, std::memory_order_acq_rel);
+            advanceHeard(got);
             done += got;
         }
         if (got < limit) break;

@@ -19,9 +19,14 @@ namespace tavro::platform {
 
 class Channel;
 
+// From ring index `at` on, the heard position is `pos` and moves `rate`
+// timeline frames per ring frame (a tempo stage reports its source's time;
+// a reverse stage runs backwards).
 struct RingMarker {
-    uint64_t at;  // ring index where a new position starts
-    uint64_t pos; // that position, in frames
+    uint64_t at;
+    double pos;
+    double rate;
+    uint32_t gen; // flush generation it was pushed in: older ones die with the flush
 };
 
 struct HeardEvent {
@@ -42,11 +47,13 @@ class Voice {
 
     FrameRing ring;
     HistoryRing history;
-    SpscQueue<RingMarker> markers{256};
+    SpscQueue<RingMarker> markers{1024};
     SpscQueue<HeardEvent> events{1024};
 
     // Renderer side: drop what is buffered and restart the heard position.
     void requestFlush(uint64_t pos);
+    // Renderer side: a new mapping from ring frames to positions starts at `at`.
+    void pushMarker(uint64_t at, double pos, double rate);
     // Mixes up to `frames` device frames into a stereo buffer (adds).
     void mix(float* out, size_t frames, double deviceRate, int64_t now, float globalVolume);
     uint64_t heardPosition() const;
@@ -57,14 +64,17 @@ class Voice {
     size_t pull(float* dst, size_t frames);
     void applyFlush();
     void gains(int64_t now, float globalVolume, float& l, float& r) const;
+    void advanceHeard(size_t frames);
 
     Channel& channel_;
     Resampler resampler_;
     std::vector<float> scratch_;
     SeqLocked<FlushRequest> flush_;
     std::atomic<uint32_t> flushGen_{0};
-    uint32_t flushAck_ = 0;
+    std::atomic<uint32_t> flushAck_{0}; // the last flush the device thread has taken
     std::atomic<uint64_t> heardPos_{0};
+    double heardRate_ = 1; // device thread: the current marker's rate
+    double heardFrac_ = 0; // and the fraction of a frame carried
     size_t tail_ = 0;      // zero frames fed after the end, to flush the resampler
     float lastL_ = -1, lastR_ = -1;
 };

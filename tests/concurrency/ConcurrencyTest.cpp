@@ -79,12 +79,15 @@ TEST_F(ConcurrencyTest, PushedDataFromSeveralThreadsIsNeitherLostNorTorn) {
     std::vector<float> buf(1024);
     std::atomic<bool> pushing{true};
     std::thread reader([&] {
-        while (pushing || frames < size_t(kThreads * kBlocks * kFrames)) {
+        for (;;) {
+            // Read the flag before the data: an empty read after the last push
+            // then really means everything was taken.
+            const bool stillPushing = pushing;
             const DWORD got = BASS_ChannelGetData(h, buf.data(), 4096 | BASS_DATA_FLOAT);
             if (got == 0xFFFFFFFF) break;
             for (DWORD i = 0; i < got / 8; ++i) EXPECT_EQ(buf[2 * i], buf[2 * i + 1]);
             frames += got / 8;
-            if (!pushing && got == 0) break;
+            if (!stillPushing && got == 0) break;
         }
     });
     for (auto& p : pushers) p.join();

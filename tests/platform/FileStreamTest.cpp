@@ -120,7 +120,9 @@ TEST_F(FileStreamTest, LossyFormatsHaveTheirLengthAndFollowTheSource) {
         SCOPED_TRACE(c.file);
         const std::string path = media_->encode(wav_, c.file, c.args);
         ASSERT_FALSE(path.empty());
-        if (c.plugin) ASSERT_NE(BASS_PluginLoad(c.plugin, 0), 0u);
+        if (c.plugin) {
+            ASSERT_NE(BASS_PluginLoad(c.plugin, 0), 0u);
+        }
         HSTREAM h = open(path, BASS_STREAM_PRESCAN);
         ASSERT_NE(h, 0u) << BASS_ErrorGetCode();
         const long length = static_cast<long>(BASS_ChannelGetLength(h, BASS_POS_BYTE) / 8);
@@ -172,8 +174,9 @@ TEST_F(FileStreamTest, SeeksLandOnTheExactFrame) {
                     }
                     return e;
                 };
-                for (long lag = -20; lag <= 20; ++lag)
+                for (long lag = -20; lag <= 20; ++lag) {
                     if (lag) ASSERT_LE(mismatch(0), mismatch(lag)) << "at t=" << t << " lag " << lag;
+                }
                 continue;
             }
             for (size_t i = 0; i < 1024; ++i) ASSERT_EQ(got[i], whole[frame * 2 + i]) << "at t=" << t << " sample " << i;

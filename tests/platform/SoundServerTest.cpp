@@ -39,7 +39,27 @@ Measured measureSignal(const std::vector<float>& rec) {
 class SoundServerTest : public ::testing::Test {
   protected:
     void SetUp() override { SKIP_WITHOUT_SOUND_SERVER(); }
-    void TearDown() override { BASS_Free(); }
+    void TearDown() override {
+        BASS_Free();
+        if (!module_.empty()) pactl("unload-module " + module_);
+    }
+
+    // A sink of this test's own, so tests running side by side do not hear
+    // each other; returns its device number (0 when it could not be made).
+    int ownSink() {
+        sink_ = std::string("tavro_") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        module_ = pactl("load-module module-null-sink rate=48000 format=float32le sink_name=" + sink_);
+        for (int attempt = 0; attempt < 200; ++attempt) {
+            BASS_DEVICEINFO info;
+            for (DWORD d = 1; BASS_GetDeviceInfo(d, &info); ++d)
+                if (info.driver && sink_ == info.driver && (info.flags & BASS_DEVICE_ENABLED)) return static_cast<int>(d);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return 0;
+    }
+    std::string monitor() const { return sink_ + ".monitor"; }
+
+    std::string sink_, module_;
 };
 
 } // namespace
@@ -67,8 +87,10 @@ TEST_F(SoundServerTest, ListsTheServerOutputsAndPicksItsDefault) {
 }
 
 TEST_F(SoundServerTest, VolumeAndPanReachTheSink) {
-    ASSERT_TRUE(BASS_Init(-1, 48000, 0, nullptr, nullptr));
-    MonitorRecorder rec(48000 * 3 / 2);
+    const int device = ownSink();
+    ASSERT_GT(device, 0);
+    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
+    MonitorRecorder rec(48000 * 3 / 2, monitor().c_str());
     ASSERT_TRUE(rec.ok());
     const auto tone = sine(1000, 48000, 48000, 2, 0.8f);
     HSTREAM h = pushStream(48000, 2, BASS_STREAM_AUTOFREE, tone, true);
@@ -82,8 +104,10 @@ TEST_F(SoundServerTest, VolumeAndPanReachTheSink) {
 }
 
 TEST_F(SoundServerTest, OtherRatesAreConvertedToTheDeviceRate) {
-    ASSERT_TRUE(BASS_Init(-1, 48000, 0, nullptr, nullptr));
-    MonitorRecorder rec(48000 * 3 / 2);
+    const int device = ownSink();
+    ASSERT_GT(device, 0);
+    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
+    MonitorRecorder rec(48000 * 3 / 2, monitor().c_str());
     const auto tone = sine(1000, 44100, 44100, 1, 0.5f);
     HSTREAM h = pushStream(44100, 1, BASS_STREAM_AUTOFREE, tone, true);
     ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
@@ -96,7 +120,9 @@ TEST_F(SoundServerTest, OtherRatesAreConvertedToTheDeviceRate) {
 }
 
 TEST_F(SoundServerTest, PositionAdvancesAtTheDeviceRate) {
-    ASSERT_TRUE(BASS_Init(-1, 48000, 0, nullptr, nullptr));
+    const int device = ownSink();
+    ASSERT_GT(device, 0);
+    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
     HSTREAM h = BASS_StreamCreate(44100, 2, BASS_SAMPLE_FLOAT, STREAMPROC_DUMMY, nullptr);
     // A dummy stream is decode-only; play a procedure stream of silence instead.
     BASS_StreamFree(h);
@@ -125,21 +151,28 @@ TEST_F(SoundServerTest, DeviceChangesAreNotified) {
         codes.push_back(code);
     })));
     ASSERT_TRUE(BASS_Init(-1, 48000, 0, nullptr, nullptr));
-    const std::string module = pactl("load-module module-null-sink sink_name=tavro_second");
-    ASSERT_FALSE(module.empty());
     auto seen = [&](DWORD c) {
         std::lock_guard lock(m);
         return std::find(codes.begin(), codes.end(), c) != codes.end();
     };
+    // Finds the device by its server name; its number stays the same once known.
+    auto find = [](const char* name, BASS_DEVICEINFO& info) {
+        for (DWORD d = 1; BASS_GetDeviceInfo(d, &info); ++d)
+            if (info.driver && std::string(info.driver) == name) return d;
+        return DWORD(0);
+    };
+    const std::string module = pactl("load-module module-null-sink sink_name=tavro_second");
+    ASSERT_FALSE(module.empty());
     EXPECT_TRUE(waitFor([&] { return seen(1); }, std::chrono::seconds(3)));
     BASS_DEVICEINFO info;
-    ASSERT_TRUE(BASS_GetDeviceInfo(2, &info));
-    EXPECT_STREQ(info.driver, "tavro_second");
+    const DWORD second = find("tavro_second", info);
+    ASSERT_NE(second, 0u);
     EXPECT_TRUE(info.flags & BASS_DEVICE_ENABLED);
 
     pactl("unload-module " + module);
     EXPECT_TRUE(waitFor([&] { return seen(2); }, std::chrono::seconds(3)));
-    ASSERT_TRUE(BASS_GetDeviceInfo(2, &info));
-    EXPECT_FALSE(info.flags & BASS_DEVICE_ENABLED);
+    ASSERT_TRUE(waitFor([&] { return BASS_GetDeviceInfo(second, &info) && !(info.flags & BASS_DEVICE_ENABLED); },
+                        std::chrono::seconds(3)));
+    EXPECT_STREQ(info.driver, "tavro_second");
     BASS_SetConfigPtr(BASS_CONFIG_DEV_NOTIFY, nullptr);
 }

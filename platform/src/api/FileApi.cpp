@@ -1,6 +1,7 @@
 // File streams and tags.
 #include "file/FileStream.hpp"
 #include "file/OggStream.hpp"
+#include "music/MusicChannel.hpp"
 #include "core/Error.hpp"
 #include "output/Device.hpp"
 
@@ -30,6 +31,9 @@ const char* BASS_ChannelGetTags(DWORD handle, DWORD tags) {
     }
     if (auto os = std::dynamic_pointer_cast<OggStream>(obj)) {
         if (const char* t = os->tags(tags)) return succeedWith(t);
+    }
+    if (auto mc = std::dynamic_pointer_cast<MusicChannel>(obj)) {
+        if (const char* t = mc->tags(tags)) return succeedWith(t);
     }
     return failWith<const char*>(BASS_ERROR_NOTAVAIL, nullptr);
 }

@@ -120,10 +120,12 @@ template <typename T> class SeqLocked {
     SeqLocked() = default;
     explicit SeqLocked(const T& v) { store(v); }
 
+    // No fences: the words are stored with release and loaded with acquire, so
+    // a reader that sees any new word also sees the odd sequence number, and
+    // its second look at the sequence cannot move before the word loads.
     void store(const T& v) {
         const uint32_t s = seq_.load(std::memory_order_relaxed);
         seq_.store(s + 1, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_release);
         copyIn(v);
         seq_.store(s + 2, std::memory_order_release);
     }
@@ -134,7 +136,6 @@ template <typename T> class SeqLocked {
             const uint32_t s1 = seq_.load(std::memory_order_acquire);
             if (s1 & 1u) continue;
             copyOut(out);
-            std::atomic_thread_fence(std::memory_order_acquire);
             if (seq_.load(std::memory_order_relaxed) == s1) return out;
         }
     }
@@ -145,11 +146,11 @@ template <typename T> class SeqLocked {
     void copyIn(const T& v) {
         uint64_t tmp[kWords] = {};
         std::memcpy(tmp, &v, sizeof(T));
-        for (size_t i = 0; i < kWords; ++i) words_[i].store(tmp[i], std::memory_order_relaxed);
+        for (size_t i = 0; i < kWords; ++i) words_[i].store(tmp[i], std::memory_order_release);
     }
     void copyOut(T& v) const {
         uint64_t tmp[kWords];
-        for (size_t i = 0; i < kWords; ++i) tmp[i] = words_[i].load(std::memory_order_relaxed);
+        for (size_t i = 0; i < kWords; ++i) tmp[i] = words_[i].load(std::memory_order_acquire);
         std::memcpy(&v, tmp, sizeof(T));
     }
     std::atomic<uint32_t> seq_{0};

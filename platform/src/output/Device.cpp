@@ -6,6 +6,7 @@
 #include "core/Handles.hpp"
 #include "output/PulseDirectory.hpp"
 #include "output/Voice.hpp"
+#include "runtime/SyncThread.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -248,6 +249,7 @@ void Device::watchSlides(const std::shared_ptr<Channel>& ch) {
     for (auto& w : r.sliding)
         if (w.lock() == ch) return;
     r.sliding.push_back(ch);
+    SyncThread::wake(); // the sync thread finishes slides; make sure it runs
 }
 
 void Device::forEachSliding(const std::function<void(Channel&, int64_t)>& fn) {

@@ -25,6 +25,7 @@ class Worker {
     void post(const SyncEvent& e) {
         if (queue_.push(e)) sem_post(&sem_);
     }
+    void wake() { sem_post(&sem_); }
 
     bool onThread() const { return std::this_thread::get_id() == id_.load(); }
 
@@ -107,6 +108,7 @@ Worker& worker() {
 } // namespace
 
 void SyncThread::post(const SyncEvent& e) { worker().post(e); }
+void SyncThread::wake() { worker().wake(); }
 void SyncThread::waitIdle(DWORD channel, HSYNC sync) { worker().waitIdle(channel, sync); }
 bool SyncThread::onSyncThread() { return worker().onThread(); }
 void SyncThread::flushForTesting() { worker().flush(); }

@@ -32,6 +32,8 @@ class SyncThread {
     // when sync is 0) is running on the sync thread. No-op on the sync thread.
     static void waitIdle(DWORD channel, HSYNC sync);
     static bool onSyncThread();
+    // Starts the thread if needed and makes it look at slides now.
+    static void wake();
     // Runs until every event posted before the call has been handled.
     static void flushForTesting();
 };

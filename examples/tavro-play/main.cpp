@@ -1,0 +1,257 @@
+// tavro-play: a small command-line player built on TavroCore.
+//
+//   tavro-play [options] [FILE]
+//     --list-devices   list the output devices and exit
+//     --device N       play on output device N
+//     --no-sound       play on the no-sound device (nothing is heard)
+//     --tour           run a scripted tour of the features, then quit
+//     --seconds S      quit after S seconds
+//
+// Keys while playing: space pause/resume, left/right seek -/+5 s, up/down
+// tempo +/-5 %, +/- pitch one semitone, r reverse, a/b set the loop's start
+// and end (a again clears it), q quit.
+#include <tavro/tavro.hpp>
+
+#include <bass.h>
+#include <bass_fx.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <termios.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Options {
+    std::string file;
+    int device = -2; // -2: the engine's default
+    bool listOnly = false, tour = false;
+    double seconds = 0;
+};
+
+class Terminal {
+  public:
+    Terminal() {
+        if (!isatty(STDIN_FILENO)) return;
+        tcgetattr(STDIN_FILENO, &saved_);
+        termios raw = saved_;
+        raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
+        raw.c_cc[VMIN] = 0;
+        raw.c_cc[VTIME] = 0;
+        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+        active_ = true;
+    }
+    ~Terminal() {
+        if (active_) tcsetattr(STDIN_FILENO, TCSANOW, &saved_);
+    }
+    bool interactive() const { return active_; }
+    // One key, with arrow keys as 'U', 'D', 'L', 'R'; 0 when none.
+    int key() const {
+        if (!active_) return 0;
+        unsigned char c[3];
+        const ssize_t n = read(STDIN_FILENO, c, sizeof c);
+        if (n <= 0) return 0;
+        if (n == 3 && c[0] == 27 && c[1] == '[') return c[2] == 'A' ? 'U' : c[2] == 'B' ? 'D' : c[2] == 'C' ? 'R' : 'L';
+        return c[0];
+    }
+
+  private:
+    termios saved_{};
+    bool active_ = false;
+};
+
+void listDevices(const TavroEngine& engine) {
+    for (const auto& d : engine.availableOutputDevices())
+        std::printf("  %2d  %-40s %s%s%s\n", d.deviceID, d.name.c_str(), d.driver ? d.driver->c_str() : "-",
+                    d.isDefault ? "  [default]" : "", d.isEnabled ? "" : "  [disabled]");
+}
+
+std::string bar(double pos, double dur, int width) {
+    const int filled = dur > 0 ? static_cast<int>(std::lround(width * std::min(1.0, pos / dur))) : 0;
+    return std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(width - filled), '-');
+}
+
+std::string clock(double s) {
+    char buf[16];
+    const int t = static_cast<int>(s);
+    std::snprintf(buf, sizeof buf, "%d:%02d", t / 60, t % 60);
+    return buf;
+}
+
+const char* stateName(int64_t s) {
+    switch (s) {
+    case TavroPlayerStatePlaying: return "playing";
+    case TavroPlayerStatePaused: return "paused";
+    case TavroPlayerStateEnded: return "ended";
+    default: return "stopped";
+    }
+}
+
+// A tone through a push stream, for when no file is given.
+int playTone() {
+    std::printf("No file given: a two-second tone through a push stream.\n");
+    const DWORD rate = 44100;
+    HSTREAM h = BASS_StreamCreate(rate, 2, BASS_SAMPLE_FLOAT, STREAMPROC_PUSH, nullptr);
+    std::vector<float> pcm(rate * 2 * 2);
+    for (size_t i = 0; i < rate * 2; ++i) {
+        const float env = std::min(1.0f, std::min(static_cast<float>(i), static_cast<float>(rate * 2 - i)) / 2000.0f);
+        pcm[2 * i] = pcm[2 * i + 1] = 0.4f * env * static_cast<float>(std::sin(2 * M_PI * 440.0 * static_cast<double>(i) / rate));
+    }
+    BASS_StreamPutData(h, pcm.data(), static_cast<DWORD>(pcm.size() * 4) | BASS_STREAMPROC_END);
+    BASS_ChannelPlay(h, FALSE);
+    while (BASS_ChannelIsActive(h) == BASS_ACTIVE_PLAYING) {
+        float lv[2] = {0, 0};
+        BASS_ChannelGetLevelEx(h, lv, 0.05f, BASS_LEVEL_STEREO);
+        const int n = static_cast<int>(lv[0] * 40);
+        std::printf("\r  level L %-40s %.2f", std::string(static_cast<size_t>(n), '|').c_str(), lv[0]);
+        std::fflush(stdout);
+        TavroMainQueue::runFor(std::chrono::milliseconds(50));
+    }
+    std::printf("\n");
+    BASS_StreamFree(h);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options opt;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--list-devices") opt.listOnly = true;
+        else if (a == "--no-sound") opt.device = 0;
+        else if (a == "--device" && i + 1 < argc) opt.device = std::atoi(argv[++i]);
+        else if (a == "--tour") opt.tour = true;
+        else if (a == "--seconds" && i + 1 < argc) opt.seconds = std::atof(argv[++i]);
+        else if (a == "--help" || a == "-h") {
+            std::printf("usage: tavro-play [--list-devices] [--device N] [--no-sound] [--tour] [--seconds S] [FILE]\n");
+            return 0;
+        } else opt.file = a;
+    }
+
+    auto engine = TavroEngine::sharedEngine();
+    std::printf("TavroCore %s, audio platform %s\n", TavroCoreVersionString, engine->bassVersionString().c_str());
+    std::printf("Output devices:\n");
+    listDevices(*engine);
+    if (opt.listOnly) return 0;
+
+    TavroError error;
+    if (opt.device == -2) {
+        if (!engine->startWithError(&error)) {
+            std::fprintf(stderr, "cannot start the engine: %s\n", error.localizedDescription().c_str());
+            return 1;
+        }
+    } else if (!BASS_Init(opt.device, 44100, 0, nullptr, nullptr)) {
+        std::fprintf(stderr, "cannot open device %d: %s\n", opt.device, TavroError::currentError().localizedDescription().c_str());
+        return 1;
+    } else {
+        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
+    }
+    BASS_DEVICEINFO di{};
+    BASS_GetDeviceInfo(BASS_GetDevice(), &di);
+    std::printf("Playing on device %u: %s\n", BASS_GetDevice(), di.name ? di.name : "");
+    engine->loadAllPlugins();
+
+    int status = 0;
+    if (opt.file.empty()) {
+        status = playTone();
+    } else {
+        auto player = TavroPlayer::init();
+        player->setReverseEnabled(true); // tempo stage over a reverse stage
+        TavroError loadError;
+        if (!player->loadSource(TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(opt.file)), &loadError)) {
+            std::fprintf(stderr, "cannot open %s: %s\n", opt.file.c_str(), loadError.localizedDescription().c_str());
+            status = 1;
+        } else {
+            auto stream = player->stream();
+            const uint32_t h = stream->handle();
+            const uint32_t reverse = BASS_FX_TempoGetSource(h);
+            BASS_ChannelSetAttribute(reverse, BASS_ATTRIB_REVERSE_DIR, BASS_FX_RVS_FORWARD);
+            stream->seekToSeconds(0);
+            auto tags = stream->readTags();
+            std::printf("Title:  %s\nArtist: %s\nLength: %s\n", tags.count("title") ? tags["title"].c_str() : "-",
+                        tags.count("artist") ? tags["artist"].c_str() : "-", clock(player->duration()).c_str());
+            bool done = false;
+            player->setOnStateChange([&](int64_t s) {
+                std::printf("\n[state] %s\n", stateName(s));
+                if (s == TavroPlayerStateEnded) done = true;
+            });
+            player->setOnError([](const TavroError& e) { std::printf("\n[error] %s\n", e.localizedDescription().c_str()); });
+            double tempo = 0, pitch = 0, loopA = -1;
+            bool reversed = false;
+            std::string note;
+            auto act = [&](int key) {
+                switch (key) {
+                case ' ': player->isPlaying() ? player->pause() : player->play(); break;
+                case 'L': player->seekBy(-5); note = "seek -5 s"; break;
+                case 'R': player->seekBy(5); note = "seek +5 s"; break;
+                case 'U': case 'D':
+                    tempo += key == 'U' ? 5 : -5;
+                    BASS_ChannelSetAttribute(h, BASS_ATTRIB_TEMPO, static_cast<float>(tempo));
+                    note = "tempo " + std::to_string(static_cast<int>(tempo)) + " %";
+                    break;
+                case '+': case '-':
+                    pitch += key == '+' ? 1 : -1;
+                    BASS_ChannelSetAttribute(h, BASS_ATTRIB_TEMPO_PITCH, static_cast<float>(pitch));
+                    note = "pitch " + std::to_string(static_cast<int>(pitch)) + " st";
+                    break;
+                case 'r':
+                    reversed = !reversed;
+                    BASS_ChannelSetAttribute(reverse, BASS_ATTRIB_REVERSE_DIR, reversed ? BASS_FX_RVS_REVERSE : BASS_FX_RVS_FORWARD);
+                    note = reversed ? "reverse" : "forward";
+                    break;
+                case 'a':
+                    if (loopA >= 0 || stream->loopSync()) {
+                        stream->clearLoop();
+                        loopA = -1;
+                        note = "loop off";
+                    } else {
+                        loopA = player->position();
+                        note = "loop start " + clock(loopA);
+                    }
+                    break;
+                case 'b':
+                    if (loopA >= 0 && stream->setLoopFromSeconds(loopA, player->position())) note = "looping";
+                    break;
+                case 'q': done = true; break;
+                default: break;
+                }
+            };
+            // The tour: what a person would press, at fixed times.
+            const std::vector<std::pair<double, int>> tour = {
+                {2.0, 'R'}, {3.0, 'U'}, {3.5, 'U'}, {4.5, '+'}, {5.5, 'D'}, {5.6, 'D'}, {5.7, '-'},
+                {6.0, 'a'}, {7.0, 'b'}, {8.5, 'a'}, {9.0, 'r'}, {9.6, 'r'}, {10.0, 'q'}};
+            size_t next = 0;
+            Terminal term;
+            if (term.interactive() && !opt.tour)
+                std::printf("keys: space pause, arrows seek/tempo, +/- pitch, r reverse, a/b loop, q quit\n");
+            player->play();
+            player->beginProgressUpdatesEvery(0.1);
+            player->setOnProgress([&](double pos) {
+                float lv[2] = {0, 0};
+                BASS_ChannelGetLevelEx(h, lv, 0.05f, BASS_LEVEL_STEREO);
+                std::printf("\r %s [%s] %s  L%3d%% R%3d%%  %-20s", clock(pos).c_str(), bar(pos, player->duration(), 30).c_str(),
+                            clock(player->duration()).c_str(), static_cast<int>(lv[0] * 100), static_cast<int>(lv[1] * 100),
+                            note.c_str());
+                std::fflush(stdout);
+            });
+            const auto t0 = std::chrono::steady_clock::now();
+            while (!done) {
+                TavroMainQueue::runFor(std::chrono::milliseconds(20));
+                const double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+                if (opt.tour && next < tour.size() && t >= tour[next].first) act(tour[next++].second);
+                if (int k = term.key()) act(k);
+                if (opt.seconds > 0 && t >= opt.seconds) done = true;
+            }
+            std::printf("\n");
+            player->releaseStream();
+        }
+    }
+    if (opt.device == -2) engine->stop();
+    else BASS_Free();
+    return status;
+}

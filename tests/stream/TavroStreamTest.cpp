@@ -1,0 +1,217 @@
+// Streams made from file sources: chains, transport, positions, the A-B loop
+// at the exact frame, attributes, tags, and syncs on the main queue.
+#include "MediaFixtures.hpp"
+#include "PlatformFixture.hpp"
+
+#include <tavro/dispatch/TavroMainQueue.hpp>
+#include <tavro/sources/TavroFileSource.hpp>
+#include <tavro/stream/TavroStream.hpp>
+#include <tavro/stream/TavroSync.hpp>
+
+#include <bass_fx.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+using namespace tavro::test;
+
+namespace {
+
+class TavroStreamTest : public NoSoundTest {
+  protected:
+    static void SetUpTestSuite() {
+        media_ = new MediaDir();
+        // A counter signal: sample n of the left channel is n / 2^24, exact in float.
+        std::vector<float> pcm(kFrames * 2);
+        for (size_t i = 0; i < kFrames; ++i) pcm[2 * i] = pcm[2 * i + 1] = static_cast<float>(i) / 16777216.0f;
+        wavPath_ = media_->path("counter.wav");
+        writeFloatWav(wavPath_, pcm);
+    }
+    static void TearDownTestSuite() { delete media_; }
+
+    static void writeFloatWav(const std::string& path, const std::vector<float>& pcm) {
+        std::ofstream f(path, std::ios::binary);
+        const uint32_t bytes = static_cast<uint32_t>(pcm.size() * 4);
+        f.write("RIFF", 4), put32(f, 36 + bytes), f.write("WAVEfmt ", 8), put32(f, 16), put16(f, 3), put16(f, 2);
+        put32(f, kRate), put32(f, kRate * 8), put16(f, 8), put16(f, 32), f.write("data", 4), put32(f, bytes);
+        f.write(reinterpret_cast<const char*>(pcm.data()), bytes);
+    }
+    static std::shared_ptr<TavroFileSource> source() { return TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(wavPath_)); }
+
+    static constexpr unsigned kRate = 44100;
+    static constexpr size_t kFrames = 10 * kRate;
+    static MediaDir* media_;
+    static std::string wavPath_;
+};
+MediaDir* TavroStreamTest::media_ = nullptr;
+std::string TavroStreamTest::wavPath_;
+
+} // namespace
+
+TEST_F(TavroStreamTest, ChainsAreStackedAndFreedTogether) {
+    auto plain = TavroStream::streamWithSource(source(), TavroSourceFlagFloat);
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->handle(), plain->sourceHandle());
+    EXPECT_FALSE(plain->hasFXChain());
+    EXPECT_NEAR(plain->duration(), 10.0, 1e-9);
+    EXPECT_EQ(plain->sampleRate(), kRate);
+    EXPECT_EQ(plain->channelCount(), 2u);
+    EXPECT_FALSE(plain->isLive());
+
+    auto both = TavroStream::streamWithSource(source(), TavroSourceFlagFloat, 3);
+    ASSERT_TRUE(both);
+    EXPECT_NE(both->handle(), both->sourceHandle());
+    EXPECT_TRUE(both->hasFXChain());
+    EXPECT_TRUE(both->hasReverseChain());
+    EXPECT_FALSE(both->isDecoding());
+    const uint32_t src = both->sourceHandle(), top = both->handle();
+    const uint32_t reverse = BASS_FX_TempoGetSource(top);
+    both->free();
+    BASS_CHANNELINFO info;
+    EXPECT_FALSE(BASS_ChannelGetInfo(top, &info));
+    EXPECT_FALSE(BASS_ChannelGetInfo(reverse, &info));
+    EXPECT_FALSE(BASS_ChannelGetInfo(src, &info));
+    EXPECT_EQ(both->position(), 0.0);
+
+    auto reverseOnly = TavroStream::streamWithSource(source(), 0, TavroStreamOptionReverseChain);
+    ASSERT_TRUE(reverseOnly);
+    EXPECT_TRUE(reverseOnly->isDecoding());
+    EXPECT_FALSE(reverseOnly->play(false));
+    EXPECT_EQ(BASS_ErrorGetCode(), BASS_ERROR_DECODE);
+
+    auto recorded = TavroStream::streamWithSource(source(), 0, TavroStreamOptionTempoLinear);
+    EXPECT_EQ(recorded->handle(), recorded->sourceHandle());
+    EXPECT_EQ(recorded->createOptions(), TavroStreamOptionTempoLinear);
+}
+
+TEST_F(TavroStreamTest, MissingFilesFailWithTheMusicLoadersError) {
+    auto missing = TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(media_->path("none.wav")));
+    TavroError error;
+    EXPECT_FALSE(TavroStream::streamWithSource(missing, 0, 1, &error));
+    EXPECT_EQ(error.code(), BASS_ERROR_FILEOPEN);
+    EXPECT_EQ(missing->displayName(), "none.wav");
+    EXPECT_EQ(TavroFileSource::bassFlagsFromSourceFlags(127), 0x2E010Au);
+    EXPECT_EQ(TavroFileSource::bassFlagsFromSourceFlags(128), 0u);
+}
+
+TEST_F(TavroStreamTest, LoopJumpsBackToTheExactStartFrameWhilePlaying) {
+    auto s = TavroStream::streamWithSource(source(), TavroSourceFlagFloat, TavroStreamOptionFXChain);
+    ASSERT_TRUE(s);
+    struct Trace {
+        std::mutex m;
+        std::vector<float> left;
+    } trace;
+    BASS_ChannelSetDSP(
+        s->handle(),
+        [](HDSP, DWORD, void* buf, DWORD len, void* u) {
+            auto* t = static_cast<Trace*>(u);
+            std::lock_guard lock(t->m);
+            for (DWORD i = 0; i < len / 8; ++i) t->left.push_back(static_cast<const float*>(buf)[2 * i]);
+        },
+        &trace, 0);
+    ASSERT_TRUE(s->setLoopFromSeconds(0.5, 0.75));
+    ASSERT_TRUE(s->play(false));
+    ASSERT_TRUE(waitFor([&] {
+        std::lock_guard lock(trace.m);
+        return trace.left.size() > 44100;
+    }, std::chrono::seconds(5)));
+    s->stop();
+    std::lock_guard lock(trace.m);
+    const size_t start = 22050, end = 33075;
+    for (size_t i = 0; i < 44100; ++i) {
+        const size_t expect = i < end ? i : start + (i - end) % (end - start);
+        ASSERT_EQ(trace.left[i], static_cast<float>(expect) / 16777216.0f) << "frame " << i;
+    }
+    EXPECT_FALSE(s->setLoopFromSeconds(5, 5));
+    EXPECT_EQ(s->loopSync(), 0u);
+}
+
+TEST_F(TavroStreamTest, AttributesSlidesAndSeeksGoThroughTheTopChannel) {
+    auto s = TavroStream::streamWithSource(source(), TavroSourceFlagFloat, TavroStreamOptionFXChain);
+    s->setVolume(0.4f);
+    EXPECT_FLOAT_EQ(s->volume(), 0.4f);
+    s->setPan(-0.5f);
+    EXPECT_FLOAT_EQ(s->pan(), -0.5f);
+    EXPECT_TRUE(s->play(false));
+    EXPECT_TRUE(s->slideVolumeTo(1.0f, 0.2));
+    EXPECT_TRUE(s->isSlidingVolume());
+    EXPECT_TRUE(s->seekToSeconds(4.0));
+    EXPECT_NEAR(s->position(), 4.0, 0.05);
+    EXPECT_TRUE(s->seekToSeconds(2.0, TavroSeekFlush | TavroSeekScan));
+    EXPECT_NEAR(s->position(), 2.0, 0.05);
+    s->setLooping(true);
+    EXPECT_TRUE(s->isLooping());
+    s->free();
+    s->setVolume(0.9f); // does nothing and reports nothing
+    EXPECT_EQ(s->volume(), 0.0f);
+    EXPECT_FALSE(s->play(false));
+}
+
+TEST_F(TavroStreamTest, TagsMergeInOrderWithLowerCaseKeys) {
+    auto data = readFile(wavPath_);
+    // An ID3v1 record and, before it, an APE tag whose Title overrides it.
+    std::vector<uint8_t> ape;
+    auto le = [&](uint32_t v) {
+        for (int i = 0; i < 4; ++i) ape.push_back(uint8_t(v >> (8 * i)));
+    };
+    const std::string value = "Ape Title";
+    le(static_cast<uint32_t>(value.size())), le(0);
+    for (char c : std::string("Title")) ape.push_back(static_cast<uint8_t>(c));
+    ape.push_back(0);
+    ape.insert(ape.end(), value.begin(), value.end());
+    const size_t items = ape.size();
+    for (char c : std::string("APETAGEX")) ape.push_back(static_cast<uint8_t>(c));
+    le(2000), le(static_cast<uint32_t>(items + 32)), le(1), le(0), le(0), le(0);
+    data.insert(data.end(), ape.begin(), ape.end());
+    char id3[128] = {};
+    std::memcpy(id3, "TAG", 3);
+    std::memcpy(id3 + 3, "  Old Title  ", 13);
+    std::memcpy(id3 + 33, "Artist\n", 7);
+    std::memcpy(id3 + 93, "1999", 4);
+    data.insert(data.end(), id3, id3 + 128);
+    const std::string path = media_->path("tagged.wav");
+    writeFile(path, data);
+    auto s = TavroStream::streamWithSource(TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(path)), 0);
+    ASSERT_TRUE(s);
+    auto tags = s->readTags();
+    EXPECT_EQ(tags["title"], "Ape Title");
+    EXPECT_EQ(tags["year"], "1999");
+    // Trimmed at the ends only, and NUL padding is no white space: the line
+    // break before the padding stays.
+    EXPECT_EQ(tags["artist"], std::string("Artist\n") + std::string(23, '\0'));
+    EXPECT_EQ(tags["album"], std::string(30, '\0'));
+}
+
+TEST_F(TavroStreamTest, EndAndPositionSyncsArriveOnTheMainQueue) {
+    auto s = TavroStream::streamWithSource(source(), TavroSourceFlagFloat | TavroSourceFlagDecode);
+    std::atomic<int> ends{0}, positions{0};
+    std::atomic<bool> onMain{true};
+    const uint64_t end = TavroSync::addEndSyncOnStream(s, [&] {
+        ends++;
+        onMain = onMain && TavroMainQueue::isMainThread();
+    });
+    const uint64_t pos = TavroSync::addPositionSyncOnStream(s, 1.0, [&] { positions++; });
+    ASSERT_NE(end, 0u);
+    ASSERT_NE(pos, 0u);
+    EXPECT_EQ(TavroSync::bassSyncTypeFromKind(3), 12u);
+    EXPECT_EQ(TavroSync::bassSyncTypeFromKind(-1), 2u);
+    std::vector<float> buf(1 << 16);
+    while (BASS_ChannelGetData(s->handle(), buf.data(), static_cast<DWORD>(buf.size() * 4)) != 0xFFFFFFFF) {
+    }
+    EXPECT_EQ(ends.load(), 0) << "delivered synchronously instead of on the main queue";
+    ASSERT_TRUE(TavroMainQueue::runUntil([&] { return ends == 1 && positions == 1; }, std::chrono::seconds(2)));
+    EXPECT_TRUE(onMain);
+    // The end fires again after a seek back.
+    s->seekToSeconds(9.9);
+    while (BASS_ChannelGetData(s->handle(), buf.data(), static_cast<DWORD>(buf.size() * 4)) != 0xFFFFFFFF) {
+    }
+    ASSERT_TRUE(TavroMainQueue::runUntil([&] { return ends == 2; }, std::chrono::seconds(2)));
+    const size_t before = TavroSync::registeredCount();
+    TavroSync::removeSync(end, s);
+    TavroSync::removeSync(pos, s);
+    TavroSync::removeSync(0, s);
+    EXPECT_EQ(TavroSync::registeredCount(), before - 2);
+    s->free();
+    EXPECT_EQ(TavroSync::addSyncOnStream(s, 1, 0, nullptr), 0u);
+}

@@ -215,7 +215,12 @@ int main(int argc, char** argv) {
                     }
                     break;
                 case 'b':
-                    if (loopA >= 0 && stream->setLoopFromSeconds(loopA, player->position())) note = "looping";
+                    // The end is where the listener is now; go back to the start
+                    // at once so the loop is heard from its beginning.
+                    if (loopA >= 0 && stream->setLoopFromSeconds(loopA, player->position())) {
+                        player->seekToSeconds(loopA);
+                        note = "looping";
+                    }
                     break;
                 case 'q': done = true; break;
                 default: break;

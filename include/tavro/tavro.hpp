@@ -15,3 +15,9 @@
 #include <tavro/engine/TavroDeviceInfo.hpp>
 #include <tavro/engine/TavroEngine.hpp>
 #include <tavro/engine/TavroError.hpp>
+#include <tavro/TavroURL.hpp>
+#include <tavro/player/TavroPlayer.hpp>
+#include <tavro/sources/TavroFileSource.hpp>
+#include <tavro/sources/TavroSource.hpp>
+#include <tavro/stream/TavroStream.hpp>
+#include <tavro/stream/TavroSync.hpp>

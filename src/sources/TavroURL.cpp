@@ -1,6 +1,8 @@
 #include <tavro/TavroURL.hpp>
 
 #include <cctype>
+#include <string>
+#include <unistd.h>
 
 namespace {
 std::string percentDecode(const std::string& s) {
@@ -30,7 +32,13 @@ std::string percentEncodePath(const std::string& p) {
 TavroURL TavroURL::fileURLWithPath(const std::string& path) {
     TavroURL u;
     u.file_ = true;
-    u.text_ = "file://" + percentEncodePath(path);
+    // A relative path is taken from the current directory, as file URLs are absolute.
+    std::string absolute = path;
+    if (absolute.empty() || absolute[0] != '/') {
+        char cwd[4096];
+        if (getcwd(cwd, sizeof cwd)) absolute = std::string(cwd) + "/" + absolute;
+    }
+    u.text_ = "file://" + percentEncodePath(absolute);
     return u;
 }
 

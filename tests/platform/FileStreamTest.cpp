@@ -175,7 +175,9 @@ TEST_F(FileStreamTest, SeeksLandOnTheExactFrame) {
                     return e;
                 };
                 for (long lag = -20; lag <= 20; ++lag) {
-                    if (lag) ASSERT_LE(mismatch(0), mismatch(lag)) << "at t=" << t << " lag " << lag;
+                    if (lag) {
+                        ASSERT_LE(mismatch(0), mismatch(lag)) << "at t=" << t << " lag " << lag;
+                    }
                 }
                 continue;
             }

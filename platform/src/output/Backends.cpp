@@ -87,8 +87,8 @@ class PulseBackend final : public Backend {
         pa_threaded_mainloop_lock(loop_);
         bool ok = waitContext();
         if (ok) {
-            pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, device_.rate(), 2};
-            stream_ = pa_stream_new(ctx_, "playback", &spec, nullptr);
+            pa_sample_spec format{PA_SAMPLE_FLOAT32LE, device_.rate(), 2};
+            stream_ = pa_stream_new(ctx_, "playback", &format, nullptr);
             ok = stream_ != nullptr;
         }
         if (ok) {

@@ -5,6 +5,9 @@
 #pragma once
 
 #include <tavro/Version.hpp>
+#include <tavro/analysis/R128Normalizer.hpp>
+#include <tavro/analysis/TavroLoudness.hpp>
+#include <tavro/analysis/TavroVolumeNormalizer.hpp>
 
 #include <tavro/dispatch/TavroConcurrentQueue.hpp>
 #include <tavro/dispatch/TavroMainQueue.hpp>
@@ -12,6 +15,17 @@
 #include <tavro/dispatch/TavroTask.hpp>
 #include <tavro/dispatch/TavroTimer.hpp>
 
+#include <tavro/dsp/TavroCrossfeed.hpp>
+#include <tavro/dsp/TavroDSP.hpp>
+#include <tavro/dsp/TavroDSPBiquad.hpp>
+#include <tavro/dsp/TavroDSPBitCrusher.hpp>
+#include <tavro/dsp/TavroDSPDelay.hpp>
+#include <tavro/dsp/TavroDSPGain.hpp>
+#include <tavro/dsp/TavroDSPNode.hpp>
+#include <tavro/dsp/TavroDSPRingModulator.hpp>
+#include <tavro/dsp/TavroDSPSoftClip.hpp>
+#include <tavro/dsp/TavroDSPStereoWidth.hpp>
+#include <tavro/dsp/TavroDSPTremolo.hpp>
 #include <tavro/engine/TavroDeviceInfo.hpp>
 #include <tavro/engine/TavroEngine.hpp>
 #include <tavro/engine/TavroError.hpp>

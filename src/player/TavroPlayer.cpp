@@ -53,7 +53,11 @@ bool TavroPlayer::loadSource(std::shared_ptr<TavroSource> source, TavroError* er
         return false;
     }
     stream_ = std::move(stream);
-    // Components are made here, in a fixed order, as each becomes available.
+    // Components in their fixed order: effects, dsp, spatial, analyzer, bpm,
+    // volume normaliser, crossfeed.
+    if (includesDSP_) dsp_ = TavroDSP::initWithStream(stream_);
+    if (includesVolumeNormalizer_) volumeNormalizer_ = TavroVolumeNormalizer::initWithStream(stream_);
+    if (includesCrossfeed_) crossfeed_ = TavroCrossfeed::initWithStream(stream_);
     stream_->setVolume(volume_);
     stream_->setPan(pan_);
     endSync_ = TavroSync::addEndSyncOnStream(stream_, TavroBindWeak(weak_from_this(), [](TavroPlayer& p) { p.handleEnd(); }));
@@ -71,6 +75,10 @@ void TavroPlayer::releaseStream() {
     endProgressUpdates();
     if (stream_ && endSync_ != 0) TavroSync::removeSync(endSync_, stream_);
     endSync_ = 0;
+    // Components detach what they attached in their destructors.
+    dsp_.reset();
+    volumeNormalizer_.reset();
+    crossfeed_.reset();
     if (stream_) {
         stream_->free();
         stream_.reset();

@@ -97,8 +97,22 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     ASSERT_TRUE(TavroMainQueue::runUntil([&] { return events.size() == 2; }, 1s));
     EXPECT_EQ(events[1], "error Cannot open file");
 
+    p->setIncludesDSP(true);
+    p->setIncludesCrossfeed(true);
+    p->setIncludesVolumeNormalizer(true);
+    ASSERT_TRUE(p->loadSource(file("long.wav")));
+    ASSERT_TRUE(p->volumeNormalizer());
+    ASSERT_TRUE(p->dsp());
+    ASSERT_TRUE(p->crossfeed());
+    EXPECT_NE(p->dsp()->dspHandle(), 0u);
+    p->setIncludesDSP(false);
+    p->setIncludesCrossfeed(false);
+    p->setIncludesVolumeNormalizer(false);
     p->setSpatialEnabled(true);
     ASSERT_TRUE(p->loadSource(file("long.wav")));
+    EXPECT_FALSE(p->dsp());
+    EXPECT_FALSE(p->crossfeed());
+    EXPECT_FALSE(p->volumeNormalizer());
     EXPECT_FALSE(p->stream()->hasFXChain());
     EXPECT_EQ(p->stream()->channelCount(), 1u);
     auto reversed = TavroPlayer::initWithSource(file("long.wav"), TavroPlayerOptionReverse);

@@ -7,7 +7,10 @@
 // dropped. The player takes no locks.
 #pragma once
 
+#include <tavro/analysis/TavroVolumeNormalizer.hpp>
 #include <tavro/dispatch/TavroTimer.hpp>
+#include <tavro/dsp/TavroCrossfeed.hpp>
+#include <tavro/dsp/TavroDSP.hpp>
 #include <tavro/engine/TavroError.hpp>
 #include <tavro/sources/TavroSource.hpp>
 #include <tavro/stream/TavroStream.hpp>
@@ -75,6 +78,10 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     void setPan(float pan);
 
     const std::shared_ptr<TavroStream>& stream() const { return stream_; }
+    // Components made by the last load (null when not asked for).
+    const std::shared_ptr<TavroDSP>& dsp() const { return dsp_; }
+    const std::shared_ptr<TavroCrossfeed>& crossfeed() const { return crossfeed_; }
+    const std::shared_ptr<TavroVolumeNormalizer>& volumeNormalizer() const { return volumeNormalizer_; }
     TavroPlayerState state() const { return state_; }
     uint64_t endSync() const { return endSync_; }
     double position() const { return stream_ ? stream_->position() : 0.0; }
@@ -124,6 +131,9 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     bool includesBPM_ = false, includesVolumeNormalizer_ = false, includesCrossfeed_ = false;
     float volume_ = 1.0f, pan_ = 0.0f;
     std::shared_ptr<TavroStream> stream_;
+    std::shared_ptr<TavroDSP> dsp_;
+    std::shared_ptr<TavroCrossfeed> crossfeed_;
+    std::shared_ptr<TavroVolumeNormalizer> volumeNormalizer_;
     TavroPlayerState state_ = TavroPlayerStateStopped;
     uint64_t endSync_ = 0;
     std::shared_ptr<TavroTimer> progressTimer_;

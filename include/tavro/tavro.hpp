@@ -26,6 +26,7 @@
 #include <tavro/dsp/TavroDSPSoftClip.hpp>
 #include <tavro/dsp/TavroDSPStereoWidth.hpp>
 #include <tavro/dsp/TavroDSPTremolo.hpp>
+#include <tavro/effects/TavroEffects.hpp>
 #include <tavro/engine/TavroDeviceInfo.hpp>
 #include <tavro/engine/TavroEngine.hpp>
 #include <tavro/engine/TavroError.hpp>

@@ -274,6 +274,79 @@ typedef void(DSPPROC)(HDSP handle, DWORD channel, void *buffer, DWORD length, vo
 /* Process channel n alone (1 = the first); the block holds that channel only. */
 #define BASS_DSP_MONO_N(n) ((DWORD)(n) << 24)
 
+/* Effects of the channel's DSP chain (BASS_ChannelSetFX); ranges in docs/platform-decisions.md */
+#define BASS_FX_DX8_CHORUS 0
+#define BASS_FX_DX8_COMPRESSOR 1
+#define BASS_FX_DX8_DISTORTION 2
+#define BASS_FX_DX8_ECHO 3
+#define BASS_FX_DX8_FLANGER 4
+#define BASS_FX_DX8_PARAMEQ 7
+#define BASS_FX_DX8_REVERB 8
+
+#define BASS_DX8_PHASE_NEG_180 0
+#define BASS_DX8_PHASE_NEG_90 1
+#define BASS_DX8_PHASE_ZERO 2
+#define BASS_DX8_PHASE_90 3
+#define BASS_DX8_PHASE_180 4
+
+typedef struct {
+    float fWetDryMix;
+    float fDepth;
+    float fFeedback;
+    float fFrequency;
+    DWORD lWaveform; /* 0 = triangle, 1 = sine */
+    float fDelay;
+    DWORD lPhase;
+} BASS_DX8_CHORUS;
+
+typedef struct {
+    float fGain;
+    float fAttack;
+    float fRelease;
+    float fThreshold;
+    float fRatio;
+    float fPredelay;
+} BASS_DX8_COMPRESSOR;
+
+typedef struct {
+    float fGain;
+    float fEdge;
+    float fPostEQCenterFrequency;
+    float fPostEQBandwidth;
+    float fPreLowpassCutoff;
+} BASS_DX8_DISTORTION;
+
+typedef struct {
+    float fWetDryMix;
+    float fFeedback;
+    float fLeftDelay;
+    float fRightDelay;
+    BOOL lPanDelay;
+} BASS_DX8_ECHO;
+
+typedef struct {
+    float fWetDryMix;
+    float fDepth;
+    float fFeedback;
+    float fFrequency;
+    DWORD lWaveform;
+    float fDelay;
+    DWORD lPhase;
+} BASS_DX8_FLANGER;
+
+typedef struct {
+    float fCenter;
+    float fBandwidth; /* semitones */
+    float fGain;      /* dB */
+} BASS_DX8_PARAMEQ;
+
+typedef struct {
+    float fInGain;          /* dB */
+    float fReverbMix;       /* dB */
+    float fReverbTime;      /* ms */
+    float fHighFreqRTRatio;
+} BASS_DX8_REVERB;
+
 /* Data */
 #define BASS_DATA_AVAILABLE 0
 #define BASS_DATA_NOREMOVE 0x10000000
@@ -399,6 +472,13 @@ BOOL BASS_ChannelIsSliding(DWORD handle, DWORD attrib);
 HDSP BASS_ChannelSetDSP(DWORD handle, DSPPROC *proc, void *user, int priority);
 HDSP BASS_ChannelSetDSPEx(DWORD handle, DSPPROC *proc, void *user, int priority, DWORD flags);
 BOOL BASS_ChannelRemoveDSP(DWORD handle, HDSP dsp);
+HFX BASS_ChannelSetFX(DWORD handle, DWORD type, int priority);
+BOOL BASS_ChannelRemoveFX(DWORD handle, HFX fx);
+BOOL BASS_FXSetParameters(HFX handle, const void *params);
+BOOL BASS_FXGetParameters(HFX handle, void *params);
+BOOL BASS_FXSetPriority(HFX handle, int priority);
+BOOL BASS_FXSetBypass(HFX handle, BOOL bypass);
+BOOL BASS_FXReset(DWORD handle);
 HSYNC BASS_ChannelSetSync(DWORD handle, DWORD type, QWORD param, SYNCPROC *proc, void *user);
 BOOL BASS_ChannelRemoveSync(DWORD handle, HSYNC sync);
 DWORD BASS_ChannelGetData(DWORD handle, void *buffer, DWORD length);

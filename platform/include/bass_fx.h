@@ -55,6 +55,139 @@ float BASS_FX_TempoGetRateRatio(HSTREAM chan);
 /* Reverse stage */
 HSTREAM BASS_FX_ReverseCreate(DWORD chan, float dec_block, DWORD flags);
 
+/* Effects of the add-on, installed with BASS_ChannelSetFX */
+#define BASS_FX_BFX_ROTATE 0x10000
+#define BASS_FX_BFX_PEAKEQ 0x10004
+#define BASS_FX_BFX_DAMP 0x10008
+#define BASS_FX_BFX_AUTOWAH 0x10009
+#define BASS_FX_BFX_PHASER 0x1000B
+#define BASS_FX_BFX_CHORUS 0x1000D
+#define BASS_FX_BFX_COMPRESSOR2 0x10011
+#define BASS_FX_BFX_VOLUME_ENV 0x10012
+#define BASS_FX_BFX_BQF 0x10013
+#define BASS_FX_BFX_ECHO4 0x10014
+#define BASS_FX_BFX_FREEVERB 0x10016
+
+/* lChannel: a mask of channels, bit n = channel n + 1 */
+#define BASS_BFX_CHANALL -1
+#define BASS_BFX_CHANNONE 0
+#define BASS_BFX_CHAN1 1
+#define BASS_BFX_CHAN2 2
+#define BASS_BFX_CHAN3 4
+#define BASS_BFX_CHAN4 8
+#define BASS_BFX_CHAN5 16
+#define BASS_BFX_CHAN6 32
+#define BASS_BFX_CHAN7 64
+#define BASS_BFX_CHAN8 128
+#define BASS_BFX_CHANNEL_N(n) (1 << ((n) - 1))
+
+typedef struct {
+    float fRate;
+    int lChannel;
+} BASS_BFX_ROTATE;
+
+typedef struct {
+    int lBand;
+    float fBandwidth; /* octaves; used when fQ is 0 */
+    float fQ;
+    float fCenter;
+    float fGain; /* dB */
+    int lChannel;
+} BASS_BFX_PEAKEQ;
+
+typedef struct {
+    float fTarget;
+    float fQuiet;
+    float fRate;
+    float fGain;
+    float fDelay;
+    int lChannel;
+} BASS_BFX_DAMP;
+
+typedef struct {
+    float fDryMix;
+    float fWetMix;
+    float fFeedback;
+    float fRate;
+    float fRange;
+    float fFreq;
+    int lChannel;
+} BASS_BFX_AUTOWAH;
+
+typedef BASS_BFX_AUTOWAH BASS_BFX_PHASER;
+
+typedef struct {
+    float fDryMix;
+    float fWetMix;
+    float fFeedback;
+    float fMinSweep;
+    float fMaxSweep;
+    float fRate;
+    int lChannel;
+} BASS_BFX_CHORUS;
+
+typedef struct {
+    float fGain;
+    float fThreshold;
+    float fRatio;
+    float fAttack;
+    float fRelease;
+    int lChannel;
+} BASS_BFX_COMPRESSOR2;
+
+typedef struct {
+    double pos; /* seconds */
+    float val;
+} BASS_BFX_ENV_NODE;
+
+typedef struct {
+    int lChannel;
+    int lNodeCount;
+    const BASS_BFX_ENV_NODE *pNodes;
+    BOOL bFollow;
+} BASS_BFX_VOLUME_ENV;
+
+#define BASS_BFX_BQF_LOWPASS 0
+#define BASS_BFX_BQF_HIGHPASS 1
+#define BASS_BFX_BQF_BANDPASS 2   /* constant skirt gain */
+#define BASS_BFX_BQF_BANDPASS_Q 3 /* constant 0 dB peak gain */
+#define BASS_BFX_BQF_NOTCH 4
+#define BASS_BFX_BQF_ALLPASS 5
+#define BASS_BFX_BQF_PEAKINGEQ 6
+#define BASS_BFX_BQF_LOWSHELF 7
+#define BASS_BFX_BQF_HIGHSHELF 8
+
+typedef struct {
+    int lFilter;
+    float fCenter;
+    float fGain;
+    float fBandwidth; /* octaves; used when fQ is 0 */
+    float fQ;
+    float fS; /* shelf slope */
+    int lChannel;
+} BASS_BFX_BQF;
+
+typedef struct {
+    float fDryMix;
+    float fWetMix;
+    float fFeedback;
+    float fDelay; /* seconds */
+    BOOL bStereo;
+    int lChannel;
+} BASS_BFX_ECHO4;
+
+#define BASS_BFX_FREEVERB_MODE_FREEZE 1
+
+typedef struct {
+    float fDryMix;
+    float fWetMix;
+    float fRoomSize;
+    float fDamp;
+    float fWidth;
+    DWORD lMode;
+    int lChannel;
+} BASS_BFX_FREEVERB;
+
 /* Effects and tempo analysis are declared below as they are added. */
 
 #ifdef __cplusplus

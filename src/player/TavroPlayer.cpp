@@ -55,6 +55,7 @@ bool TavroPlayer::loadSource(std::shared_ptr<TavroSource> source, TavroError* er
     stream_ = std::move(stream);
     // Components in their fixed order: effects, dsp, spatial, analyzer, bpm,
     // volume normaliser, crossfeed.
+    if (includesEffects_) effects_ = TavroEffects::initWithStream(stream_);
     if (includesDSP_) dsp_ = TavroDSP::initWithStream(stream_);
     if (includesVolumeNormalizer_) volumeNormalizer_ = TavroVolumeNormalizer::initWithStream(stream_);
     if (includesCrossfeed_) crossfeed_ = TavroCrossfeed::initWithStream(stream_);
@@ -76,6 +77,7 @@ void TavroPlayer::releaseStream() {
     if (stream_ && endSync_ != 0) TavroSync::removeSync(endSync_, stream_);
     endSync_ = 0;
     // Components detach what they attached in their destructors.
+    effects_.reset();
     dsp_.reset();
     volumeNormalizer_.reset();
     crossfeed_.reset();

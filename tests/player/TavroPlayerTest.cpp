@@ -100,7 +100,9 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     p->setIncludesDSP(true);
     p->setIncludesCrossfeed(true);
     p->setIncludesVolumeNormalizer(true);
+    p->setIncludesEffects(true);
     ASSERT_TRUE(p->loadSource(file("long.wav")));
+    ASSERT_TRUE(p->effects());
     ASSERT_TRUE(p->volumeNormalizer());
     ASSERT_TRUE(p->dsp());
     ASSERT_TRUE(p->crossfeed());
@@ -108,11 +110,13 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     p->setIncludesDSP(false);
     p->setIncludesCrossfeed(false);
     p->setIncludesVolumeNormalizer(false);
+    p->setIncludesEffects(false);
     p->setSpatialEnabled(true);
     ASSERT_TRUE(p->loadSource(file("long.wav")));
     EXPECT_FALSE(p->dsp());
     EXPECT_FALSE(p->crossfeed());
     EXPECT_FALSE(p->volumeNormalizer());
+    EXPECT_FALSE(p->effects());
     EXPECT_FALSE(p->stream()->hasFXChain());
     EXPECT_EQ(p->stream()->channelCount(), 1u);
     auto reversed = TavroPlayer::initWithSource(file("long.wav"), TavroPlayerOptionReverse);

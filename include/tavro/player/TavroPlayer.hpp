@@ -10,6 +10,7 @@
 #include <tavro/analysis/TavroVolumeNormalizer.hpp>
 #include <tavro/dispatch/TavroTimer.hpp>
 #include <tavro/dsp/TavroCrossfeed.hpp>
+#include <tavro/effects/TavroEffects.hpp>
 #include <tavro/dsp/TavroDSP.hpp>
 #include <tavro/engine/TavroError.hpp>
 #include <tavro/sources/TavroSource.hpp>
@@ -79,6 +80,7 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
 
     const std::shared_ptr<TavroStream>& stream() const { return stream_; }
     // Components made by the last load (null when not asked for).
+    const std::shared_ptr<TavroEffects>& effects() const { return effects_; }
     const std::shared_ptr<TavroDSP>& dsp() const { return dsp_; }
     const std::shared_ptr<TavroCrossfeed>& crossfeed() const { return crossfeed_; }
     const std::shared_ptr<TavroVolumeNormalizer>& volumeNormalizer() const { return volumeNormalizer_; }
@@ -131,6 +133,7 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     bool includesBPM_ = false, includesVolumeNormalizer_ = false, includesCrossfeed_ = false;
     float volume_ = 1.0f, pan_ = 0.0f;
     std::shared_ptr<TavroStream> stream_;
+    std::shared_ptr<TavroEffects> effects_;
     std::shared_ptr<TavroDSP> dsp_;
     std::shared_ptr<TavroCrossfeed> crossfeed_;
     std::shared_ptr<TavroVolumeNormalizer> volumeNormalizer_;

@@ -122,7 +122,7 @@ TEST(TavroDSPBiquadTest, EveryTypeAgreesWithScipyLfilter) {
         }
     }
     lines.close();
-    const auto script = std::filesystem::path(__FILE__).parent_path() / "biquad_reference.py";
+    const auto script = std::filesystem::path(TAVRO_TEST_SOURCE_DIR) / "dsp" / "biquad_reference.py";
     const std::string cmd = "/usr/bin/python3 '" + script.string() + "' '" + (dir / "signal.f32").string() +
                             "' '" + (dir / "cases.txt").string() + "' '" + (dir / "out.f64").string() + "'";
     ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;

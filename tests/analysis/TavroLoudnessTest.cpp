@@ -37,14 +37,6 @@ std::vector<float> segments(std::initializer_list<std::pair<double, double>> par
     return pcm;
 }
 
-void writeFloatWav(const std::string& path, const std::vector<float>& pcm) {
-    std::ofstream f(path, std::ios::binary);
-    const uint32_t bytes = static_cast<uint32_t>(pcm.size() * 4);
-    f.write("RIFF", 4), put32(f, 36 + bytes), f.write("WAVEfmt ", 8), put32(f, 16), put16(f, 3), put16(f, 2);
-    put32(f, kRate), put32(f, kRate * 8), put16(f, 8), put16(f, 32), f.write("data", 4), put32(f, bytes);
-    f.write(reinterpret_cast<const char*>(pcm.data()), bytes);
-}
-
 class TavroLoudnessTest : public NoSoundTest {
   protected:
     static void SetUpTestSuite() { media_ = new MediaDir(); }
@@ -56,7 +48,7 @@ class TavroLoudnessTest : public NoSoundTest {
 
     static std::shared_ptr<TavroFileSource> file(const std::string& name, const std::vector<float>& pcm) {
         const std::string path = media_->path(name);
-        writeFloatWav(path, pcm);
+        writeFloatWav(path, pcm, kRate, 2);
         return TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(path));
     }
     static std::shared_ptr<TavroStream> decoder(const std::shared_ptr<TavroSource>& source) {

@@ -18,16 +18,6 @@ namespace {
 
 constexpr unsigned kRate = 44100;
 
-void writeFloatWav(const std::string& path, const std::vector<float>& pcm, unsigned chans) {
-    std::ofstream f(path, std::ios::binary);
-    const uint32_t bytes = static_cast<uint32_t>(pcm.size() * 4);
-    f.write("RIFF", 4), put32(f, 36 + bytes), f.write("WAVEfmt ", 8), put32(f, 16), put16(f, 3),
-        put16(f, chans);
-    put32(f, kRate), put32(f, kRate * chans * 4), put16(f, chans * 4), put16(f, 32), f.write("data", 4),
-        put32(f, bytes);
-    f.write(reinterpret_cast<const char*>(pcm.data()), bytes);
-}
-
 class TavroVolumeNormalizerTest : public NoSoundTest {
   protected:
     static void SetUpTestSuite() {
@@ -39,7 +29,7 @@ class TavroVolumeNormalizerTest : public NoSoundTest {
         for (size_t i = 8 * kRate * 2; i < pcm.size(); ++i)
             pcm[i] /= quiet;
         path_ = media_->path("quiet.wav");
-        writeFloatWav(path_, pcm, 2);
+        writeFloatWav(path_, pcm, kRate, 2);
     }
     static void TearDownTestSuite() { delete media_; }
 

@@ -26,17 +26,10 @@ class TavroStreamTest : public NoSoundTest {
         std::vector<float> pcm(kFrames * 2);
         for (size_t i = 0; i < kFrames; ++i) pcm[2 * i] = pcm[2 * i + 1] = static_cast<float>(i) / 16777216.0f;
         wavPath_ = media_->path("counter.wav");
-        writeFloatWav(wavPath_, pcm);
+        writeFloatWav(wavPath_, pcm, kRate, 2);
     }
     static void TearDownTestSuite() { delete media_; }
 
-    static void writeFloatWav(const std::string& path, const std::vector<float>& pcm) {
-        std::ofstream f(path, std::ios::binary);
-        const uint32_t bytes = static_cast<uint32_t>(pcm.size() * 4);
-        f.write("RIFF", 4), put32(f, 36 + bytes), f.write("WAVEfmt ", 8), put32(f, 16), put16(f, 3), put16(f, 2);
-        put32(f, kRate), put32(f, kRate * 8), put16(f, 8), put16(f, 32), f.write("data", 4), put32(f, bytes);
-        f.write(reinterpret_cast<const char*>(pcm.data()), bytes);
-    }
     static std::shared_ptr<TavroFileSource> source() { return TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(wavPath_)); }
 
     static constexpr unsigned kRate = 44100;

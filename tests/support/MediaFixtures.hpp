@@ -43,6 +43,15 @@ inline void writeWav16(const std::string& path, const std::vector<float>& pcm, u
     for (float s : pcm) put16(f, static_cast<uint16_t>(static_cast<int16_t>(std::lrint(s * 32768.0f))));
 }
 
+inline void writeFloatWav(const std::string& path, const std::vector<float>& pcm, unsigned rate, unsigned chans) {
+    std::ofstream f(path, std::ios::binary);
+    const auto bytes = static_cast<uint32_t>(pcm.size() * 4);
+    f.write("RIFF", 4), put32(f, 36 + bytes), f.write("WAVEfmt ", 8), put32(f, 16), put16(f, 3), put16(f, chans);
+    put32(f, rate), put32(f, rate * 4 * chans), put16(f, 4 * chans), put16(f, 32), f.write("data", 4);
+    put32(f, bytes);
+    f.write(reinterpret_cast<const char*>(pcm.data()), bytes);
+}
+
 // A folder of its own for one test binary, removed at exit.
 class MediaDir {
   public:

@@ -1,6 +1,7 @@
 #include "channel/Channel.hpp"
 
 #include "channel/SampleFormat.hpp"
+#include "channel/Spectrum.hpp"
 #include "core/Config.hpp"
 #include "core/Error.hpp"
 #include "output/Device.hpp"
@@ -251,6 +252,8 @@ size_t Channel::read(float* out, size_t frames) {
         const Span span =
             produceSpan(dst, std::min(frames - done, kMaxBlockFrames), framesToNextSync(*syncs));
         if (span.frames) {
+            blockStart_ = span.outStart;
+            blockRate_ = span.rate;
             runDsps(*dsps, dst, span.frames);
             noteOutput(span);
             done += span.frames;
@@ -266,6 +269,10 @@ size_t Channel::read(float* out, size_t frames) {
         }
     }
     return done;
+}
+
+uint64_t Channel::blockRingIndex() const {
+    return renderingToRing_ ? ringBase_ + renderDone_ : std::numeric_limits<uint64_t>::max();
 }
 
 size_t Channel::fillRing(size_t target) {
@@ -634,7 +641,12 @@ void Channel::fireSyncsNow(DWORD type, DWORD data) {
 
 DWORD Channel::getData(void* buffer, DWORD length) {
     constexpr DWORD kFail = 0xFFFFFFFF;
-    if ((length & 0x80000000u) && length != 0xFFFFFFFFu) return failWith(BASS_ERROR_NOTAVAIL, kFail);
+    if ((length & 0x80000000u) && length != 0xFFFFFFFFu) {
+        SpectrumRequest req;
+        if (!parseSpectrumRequest(length, req)) return failWith(BASS_ERROR_ILLPARAM, kFail);
+        if (!buffer) return failWith(BASS_ERROR_ILLPARAM, kFail);
+        return getSpectrum(static_cast<float*>(buffer), req);
+    }
     if (length == BASS_DATA_AVAILABLE) {
         const uint64_t frames = (!isDecoding() && voice_) ? voice_->buffered() : 0;
         return succeedWith(static_cast<DWORD>(frames * bytesPerFrame()));
@@ -668,6 +680,33 @@ DWORD Channel::getData(void* buffer, DWORD length) {
     }
     if (done == 0 && ended()) return failWith(BASS_ERROR_ENDED, kFail);
     return succeedWith(static_cast<DWORD>(done * chans_ * outBps));
+}
+
+// A spectrum of the next N frames of a decoding channel (they are consumed, as
+// any read of a decoding channel is), or of the last N frames heard of a
+// playing one (nothing is disturbed). Frames that are not there are zeros.
+DWORD Channel::getSpectrum(float* out, const SpectrumRequest& req) {
+    constexpr DWORD kFail = 0xFFFFFFFF;
+    const size_t n = spectrumSize(req);
+    thread_local std::vector<float> frames;
+    frames.assign(n * chans_, 0.0f);
+    size_t got = 0;
+    if (isDecoding()) {
+        if (ended()) return failWith(BASS_ERROR_ENDED, kFail);
+        while (got < n) {
+            const size_t r = read(frames.data() + got * chans_, n - got);
+            if (r == 0) break;
+            got += r;
+        }
+        if (got == 0 && ended()) return failWith(BASS_ERROR_ENDED, kFail);
+    } else {
+        if (!voice_) return failWith(BASS_ERROR_NOPLAY, kFail);
+        // Right-aligned: the newest frame is the last one of the block.
+        const size_t have = std::min<uint64_t>(n, voice_->history.written());
+        got = voice_->history.latest(frames.data() + (n - have) * chans_, have);
+    }
+    if (!computeSpectrum(req, frames.data(), chans_, out)) return failWith(BASS_ERROR_MEM, kFail);
+    return succeedWith(static_cast<DWORD>(got * bytesPerFrame()));
 }
 
 bool Channel::getLevels(float* levels, float seconds, DWORD flags) {

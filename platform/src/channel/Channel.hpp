@@ -31,6 +31,7 @@ namespace tavro::platform {
 
 class Device;
 class Voice;
+struct SpectrumRequest;
 
 // Frames a renderer processes at most in one go; scratch buffers are sized by it.
 constexpr size_t kMaxBlockFrames = 4096;
@@ -123,6 +124,14 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     // Where play(restart) and looping start.
     virtual uint64_t startFrame() const { return 0; }
     bool canSeek() const { return seekable(); }
+    // For DSP entries, during their call: the timeline position of the block's
+    // first frame and the timeline frames per output frame.
+    double blockTimelineStart() const { return blockStart_; }
+    double blockTimelineRate() const { return blockRate_; }
+    // For DSP entries, during their call: the playback ring index the block's
+    // first frame will have, or UINT64_MAX when the block is not going into
+    // the ring (decoding, or pulled by a channel above).
+    uint64_t blockRingIndex() const;
     int64_t frameLength() const { return lengthFrames(); }
 
     // ---- attributes ----
@@ -149,6 +158,7 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
 
     // ---- data ----
     DWORD getData(void* buffer, DWORD length);
+    DWORD getSpectrum(float* out, const SpectrumRequest& req);
     bool getLevels(float* levels, float seconds, DWORD flags);
 
     // ---- lifetime ----
@@ -222,6 +232,8 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     bool markerDue_ = true;         // the next output starts a new heard-position marker
     double markNext_ = 0;           // where the current marker's mapping puts the next frame
     double markRate_ = 1;           // and its rate
+    double blockStart_ = 0;       // the block the DSP chain is running on
+    double blockRate_ = 1;
     bool renderingToRing_ = false;
     uint64_t ringBase_ = 0;       // ring write index of the block being rendered
     size_t renderDone_ = 0;       // frames of that block done so far

@@ -57,6 +57,10 @@ class Voice {
     // Mixes up to `frames` device frames into a stereo buffer (adds).
     void mix(float* out, size_t frames, double deviceRate, int64_t now, float globalVolume);
     uint64_t heardPosition() const;
+    // Ring index of the next frame to be heard, and the flush generation:
+    // frames rendered under an older generation will never be heard.
+    uint64_t heardRingIndex() const { return ring.readPos(); }
+    uint32_t flushGeneration() const { return flushGen_.load(std::memory_order_acquire); }
     // Frames buffered ahead of what is heard.
     size_t buffered() const { return ring.available() + resampler_.pending(); }
 

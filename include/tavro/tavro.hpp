@@ -6,6 +6,8 @@
 
 #include <tavro/Version.hpp>
 #include <tavro/analysis/R128Normalizer.hpp>
+#include <tavro/analysis/TavroAnalyzer.hpp>
+#include <tavro/analysis/TavroBPM.hpp>
 #include <tavro/analysis/TavroLoudness.hpp>
 #include <tavro/analysis/TavroVolumeNormalizer.hpp>
 

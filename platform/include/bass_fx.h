@@ -188,7 +188,46 @@ typedef struct {
     int lChannel;
 } BASS_BFX_FREEVERB;
 
-/* Effects and tempo analysis are declared below as they are added. */
+/* Tempo and beat analysis.
+ *
+ * The search range of a tempo analysis is one word: low 16 bits the lowest
+ * BPM, high 16 bits the highest; both must lie in 20..400 with low <= high.
+ *
+ * Offline (the channel must be decoding, else BASS_ERROR_DECODE): the channel is moved to startSec and
+ * decoded up to endSec (or its end), on the calling thread. The decoded frames
+ * are consumed: afterwards the channel's position is where the analysis
+ * stopped. BASS_FX_BPM_DecodeGet returns the tempo, 0 when nothing periodic
+ * was found, or -1 on failure. BASS_FX_BPM_BeatDecodeGet calls `proc` once per
+ * beat, in order, during the call, with the beat's position in seconds on the
+ * channel's timeline (searching 60..180 BPM).
+ *
+ * Live (playing or decoding channel): from the next block the channel
+ * renders, its output is analysed (after all its effects and DSP). Every
+ * `period` seconds of analysed audio, BASS_FX_BPM_CallbackSet's proc receives
+ * the tempo of the last 10 seconds, once enough audio has been heard to tell
+ * one (silence reports nothing). BASS_FX_BPM_BeatCallbackSet's proc receives
+ * each beat once, when it is heard (on a decoding channel, once decoded), with
+ * its position in seconds on the channel's timeline. A seek starts the
+ * analysis afresh. Live callbacks run on the platform's analysis thread,
+ * never on the thread that renders the channel; one of each kind per channel
+ * (setting again replaces). BASS_FX_BPM_Free / BASS_FX_BPM_BeatFree end them:
+ * once they return (from any thread but that of the callback itself), the
+ * callback is not called again; freeing the channel ends them too.
+ */
+
+typedef void(BPMPROC)(DWORD chan, float bpm, void* user);
+typedef void(BPMPROGRESSPROC)(DWORD chan, float percent, void* user);
+typedef void(BPMBEATPROC)(DWORD chan, double beatpos, void* user);
+
+float BASS_FX_BPM_DecodeGet(DWORD chan, double startSec, double endSec, DWORD minMaxBPM, DWORD flags,
+                            BPMPROGRESSPROC* proc, void* user);
+BOOL BASS_FX_BPM_CallbackSet(DWORD handle, BPMPROC* proc, double period, DWORD minMaxBPM, DWORD flags, void* user);
+BOOL BASS_FX_BPM_Free(DWORD handle);
+
+BOOL BASS_FX_BPM_BeatDecodeGet(DWORD chan, double startSec, double endSec, DWORD flags, BPMBEATPROC* proc,
+                               void* user);
+BOOL BASS_FX_BPM_BeatCallbackSet(DWORD handle, BPMBEATPROC* proc, void* user);
+BOOL BASS_FX_BPM_BeatFree(DWORD handle);
 
 #ifdef __cplusplus
 }

@@ -57,6 +57,8 @@ bool TavroPlayer::loadSource(std::shared_ptr<TavroSource> source, TavroError* er
     // volume normaliser, crossfeed.
     if (includesEffects_) effects_ = TavroEffects::initWithStream(stream_);
     if (includesDSP_) dsp_ = TavroDSP::initWithStream(stream_);
+    if (includesAnalyzer_) analyzer_ = TavroAnalyzer::initWithStream(stream_);
+    if (includesBPM_) bpm_ = TavroBPM::initWithStream(stream_);
     if (includesVolumeNormalizer_) volumeNormalizer_ = TavroVolumeNormalizer::initWithStream(stream_);
     if (includesCrossfeed_) crossfeed_ = TavroCrossfeed::initWithStream(stream_);
     stream_->setVolume(volume_);
@@ -76,9 +78,13 @@ void TavroPlayer::releaseStream() {
     endProgressUpdates();
     if (stream_ && endSync_ != 0) TavroSync::removeSync(endSync_, stream_);
     endSync_ = 0;
+    if (analyzer_) analyzer_->stopMonitoring();
+    if (bpm_) bpm_->stopAll();
     // Components detach what they attached in their destructors.
     effects_.reset();
     dsp_.reset();
+    analyzer_.reset();
+    bpm_.reset();
     volumeNormalizer_.reset();
     crossfeed_.reset();
     if (stream_) {

@@ -101,8 +101,16 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     p->setIncludesCrossfeed(true);
     p->setIncludesVolumeNormalizer(true);
     p->setIncludesEffects(true);
+    p->setIncludesAnalyzer(true);
+    p->setIncludesBPM(true);
     ASSERT_TRUE(p->loadSource(file("long.wav")));
     ASSERT_TRUE(p->effects());
+    ASSERT_TRUE(p->analyzer());
+    ASSERT_TRUE(p->bpm());
+    EXPECT_EQ(p->analyzer()->stream().lock(), p->stream());
+    EXPECT_EQ(p->bpm()->stream().lock(), p->stream());
+    // A load releases the old components: the analyser's monitor stops with them.
+    p->analyzer()->startMonitoringWithInterval(0.01, 256, 0, [](const auto&) { FAIL() << "monitor outlived its load"; });
     ASSERT_TRUE(p->volumeNormalizer());
     ASSERT_TRUE(p->dsp());
     ASSERT_TRUE(p->crossfeed());
@@ -111,8 +119,13 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     p->setIncludesCrossfeed(false);
     p->setIncludesVolumeNormalizer(false);
     p->setIncludesEffects(false);
+    p->setIncludesAnalyzer(false);
+    p->setIncludesBPM(false);
     p->setSpatialEnabled(true);
     ASSERT_TRUE(p->loadSource(file("long.wav")));
+    TavroMainQueue::runFor(std::chrono::milliseconds(50));
+    EXPECT_FALSE(p->analyzer());
+    EXPECT_FALSE(p->bpm());
     EXPECT_FALSE(p->dsp());
     EXPECT_FALSE(p->crossfeed());
     EXPECT_FALSE(p->volumeNormalizer());

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -40,7 +41,7 @@ inline void writeWav16(const std::string& path, const std::vector<float>& pcm, u
     const uint32_t bytes = static_cast<uint32_t>(pcm.size() * 2);
     f.write("RIFF", 4), put32(f, 36 + bytes), f.write("WAVEfmt ", 8), put32(f, 16), put16(f, 1), put16(f, chans);
     put32(f, rate), put32(f, rate * chans * 2), put16(f, chans * 2), put16(f, 16), f.write("data", 4), put32(f, bytes);
-    for (float s : pcm) put16(f, static_cast<uint16_t>(static_cast<int16_t>(std::lrint(s * 32768.0f))));
+    for (float s : pcm) put16(f, static_cast<uint16_t>(static_cast<int16_t>(std::clamp(std::lrint(s * 32768.0f), -32768L, 32767L))));
 }
 
 inline void writeFloatWav(const std::string& path, const std::vector<float>& pcm, unsigned rate, unsigned chans) {

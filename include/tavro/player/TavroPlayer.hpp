@@ -7,6 +7,8 @@
 // dropped. The player takes no locks.
 #pragma once
 
+#include <tavro/analysis/TavroAnalyzer.hpp>
+#include <tavro/analysis/TavroBPM.hpp>
 #include <tavro/analysis/TavroVolumeNormalizer.hpp>
 #include <tavro/dispatch/TavroTimer.hpp>
 #include <tavro/dsp/TavroCrossfeed.hpp>
@@ -82,6 +84,10 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     // Components made by the last load (null when not asked for).
     const std::shared_ptr<TavroEffects>& effects() const { return effects_; }
     const std::shared_ptr<TavroDSP>& dsp() const { return dsp_; }
+    const std::shared_ptr<TavroAnalyzer>& analyzer() const { return analyzer_; }
+    void setAnalyzer(std::shared_ptr<TavroAnalyzer> a) { analyzer_ = std::move(a); }
+    const std::shared_ptr<TavroBPM>& bpm() const { return bpm_; }
+    void setBpm(std::shared_ptr<TavroBPM> b) { bpm_ = std::move(b); }
     const std::shared_ptr<TavroCrossfeed>& crossfeed() const { return crossfeed_; }
     const std::shared_ptr<TavroVolumeNormalizer>& volumeNormalizer() const { return volumeNormalizer_; }
     TavroPlayerState state() const { return state_; }
@@ -136,6 +142,8 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     std::shared_ptr<TavroEffects> effects_;
     std::shared_ptr<TavroDSP> dsp_;
     std::shared_ptr<TavroCrossfeed> crossfeed_;
+    std::shared_ptr<TavroAnalyzer> analyzer_;
+    std::shared_ptr<TavroBPM> bpm_;
     std::shared_ptr<TavroVolumeNormalizer> volumeNormalizer_;
     TavroPlayerState state_ = TavroPlayerStateStopped;
     uint64_t endSync_ = 0;

@@ -1,0 +1,76 @@
+// Tempo and beats: offline analysis of files, and live reports of a playing
+// stream.
+//
+// Threading: use from one application thread (the main thread in practice);
+// the attributes carry no lock. Offline analysis runs on the global
+// concurrent queue, each call with its own decoding stream, and its
+// completion is called on the main queue. Live reports come from the
+// platform's analysis thread and are handed to the main queue, one task per
+// report, so the callbacks always run on the main thread. A report posted
+// just before a stop may still reach the callback that was current when it
+// was posted.
+#pragma once
+
+#include <tavro/TavroURL.hpp>
+#include <tavro/stream/TavroStream.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+class TavroBPM {
+  public:
+    static std::shared_ptr<TavroBPM> initWithStream(const std::shared_ptr<TavroStream>& stream);
+    ~TavroBPM();
+    TavroBPM(const TavroBPM&) = delete;
+    TavroBPM& operator=(const TavroBPM&) = delete;
+
+    // A decoding float stream of a file, or null.
+    static std::shared_ptr<TavroStream> decodeStreamForURL(const TavroURL& url);
+    // Tempo of [startSeconds, endSeconds] (endSeconds <= 0: to the end),
+    // searched in minBPM..maxBPM (0 = 60 and 180); 0 when the file cannot be read.
+    static void detectBPMForFileURL(const TavroURL& url, double startSeconds, double endSeconds, uint64_t minBPM,
+                                    uint64_t maxBPM, std::function<void(float)> completion);
+    // Beat times in seconds, in the order found; empty when the file cannot be read.
+    static void detectBeatsForFileURL(const TavroURL& url, double startSeconds, double endSeconds,
+                                      std::function<void(const std::vector<double>&)> completion);
+    // Low 16 bits the lowest BPM, high 16 bits the highest; each 0 takes its default.
+    static uint32_t rangeWordForMinBPM(uint64_t minBPM, uint64_t maxBPM);
+
+    std::weak_ptr<TavroStream> stream() const { return stream_; }
+    void setStream(std::weak_ptr<TavroStream> stream) { stream_ = std::move(stream); }
+    bool liveBPMRunning() const { return liveBPMRunning_; }
+    void setLiveBPMRunning(bool v) { liveBPMRunning_ = v; }
+    bool beatDetectionRunning() const { return beatDetectionRunning_; }
+    void setBeatDetectionRunning(bool v) { beatDetectionRunning_ = v; }
+    const std::function<void(float)>& liveBPMBlock() const { return liveBPMBlock_; }
+    void setLiveBPMBlock(std::function<void(float)> block) { liveBPMBlock_ = std::move(block); }
+    const std::function<void(double)>& beatBlock() const { return beatBlock_; }
+    void setBeatBlock(std::function<void(double)> block) { beatBlock_ = std::move(block); }
+
+    bool startLiveBPMWithPeriod(double period, uint64_t minBPM, uint64_t maxBPM, std::function<void(float)> block);
+    void stopLiveBPM();
+    bool startBeatDetectionWithBlock(std::function<void(double)> block);
+    void stopBeatDetection();
+    void stopAll();
+
+    // Hand-over from the platform's callbacks to the main queue.
+    void deliverLiveBPM(float bpm);
+    void deliverBeatAt(double seconds);
+
+  private:
+    TavroBPM() = default;
+    uint32_t handle() const;
+
+    std::weak_ptr<TavroStream> stream_;
+    bool liveBPMRunning_ = false;
+    bool beatDetectionRunning_ = false;
+    std::function<void(float)> liveBPMBlock_;
+    std::function<void(double)> beatBlock_;
+};
+
+// Callbacks handed to the platform; `user` is the collecting array or the TavroBPM.
+void TavroBeatCollectProc(uint32_t channel, double beatSeconds, void* user);
+void TavroLiveBPMProc(uint32_t channel, float bpm, void* user);
+void TavroLiveBeatProc(uint32_t channel, double beatSeconds, void* user);

@@ -1,0 +1,374 @@
+#include "bpm/LiveBpm.hpp"
+
+#include "bpm/BeatAnalysis.hpp"
+#include "channel/Channel.hpp"
+#include "core/Error.hpp"
+#include "core/Handles.hpp"
+#include "core/LockFree.hpp"
+#include "output/Voice.hpp"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace tavro::platform::bpm {
+
+namespace {
+
+constexpr uint64_t kNoRing = std::numeric_limits<uint64_t>::max();
+constexpr double kWindowSeconds = 10.0;
+constexpr auto kPollInterval = std::chrono::milliseconds(5);
+// A beat found this long after it was heard is no longer reported.
+constexpr double kLateBeatSeconds = 0.1;
+
+// True on the analysis thread, which holds the registry lock whenever it runs
+// a callback: stop() called from a callback must not take it again.
+thread_local bool tlsAnalysisThread = false;
+
+// Where one hop of analysed audio lies: on the timeline (frames; `rate`
+// timeline frames per output frame) and in the playback ring.
+struct HopPoint {
+    double timeline = 0;
+    double rate = 1;
+    uint64_t ring = kNoRing;
+    uint32_t gen = 0;
+};
+
+struct EnvelopeItem {
+    float value = 0;
+    bool reset = false; // the timeline jumped: everything before is void
+    HopPoint at;        // the start of the hop the value stands for
+};
+
+// Runs in the channel's DSP chain on the render thread: no allocation, no lock.
+class DetectorEntry : public DspEntry {
+  public:
+    DetectorEntry(double rate, unsigned chans) : detector(rate, chans), queue(16384), sampleRate(rate) {}
+
+    void process(Channel& ch, float* frames, size_t count) override {
+        const double start = ch.blockTimelineStart();
+        const double rate = ch.blockTimelineRate();
+        const uint64_t ring = ch.blockRingIndex();
+        Voice* v = ch.voice();
+        voice.store(v, std::memory_order_release);
+        const uint32_t gen = v ? v->flushGeneration() : 0;
+        if (started_ && (std::fabs(start - expected_) > 0.5 || rate != rate_ || gen != gen_)) {
+            detector.reset();
+            hopsFed_ = 0;
+            valuesOut_ = 0;
+            inHop_ = 0;
+            pendingReset_ = true;
+        }
+        started_ = true;
+        expected_ = start + static_cast<double>(count) * rate;
+        rate_ = rate;
+        gen_ = gen;
+
+        const size_t hop = detector.hop();
+        const unsigned chans = ch.chans();
+        size_t done = 0;
+        while (done < count) {
+            if (inHop_ == 0) {
+                const auto off = static_cast<double>(done);
+                points_[hopsFed_ % kPoints] = {start + off * rate, rate, ring == kNoRing ? kNoRing : ring + done, gen};
+                ++hopsFed_;
+            }
+            const size_t n = std::min(count - done, hop - inHop_);
+            detector.process(frames + done * chans, n, [this](float value) { emit(value); });
+            inHop_ = (inHop_ + n) % hop;
+            done += n;
+        }
+    }
+
+    OnsetDetector detector;
+    SpscQueue<EnvelopeItem> queue;
+    std::atomic<Voice*> voice{nullptr};
+    const double sampleRate;
+
+  private:
+    void emit(float value) {
+        // Value i stands for hop i; look its start up among the recent hops.
+        const uint64_t i = valuesOut_++;
+        HopPoint at = points_[(hopsFed_ - 1) % kPoints];
+        if (hopsFed_ - i <= kPoints) at = points_[i % kPoints];
+        queue.push({std::isfinite(value) ? value : 0.0f, pendingReset_, at});
+        pendingReset_ = false;
+    }
+
+    static constexpr uint64_t kPoints = 64;
+    HopPoint points_[kPoints];
+    uint64_t hopsFed_ = 0, valuesOut_ = 0;
+    size_t inHop_ = 0;
+    bool started_ = false, pendingReset_ = false;
+    double expected_ = 0, rate_ = 1;
+    uint32_t gen_ = 0;
+};
+
+struct PendingBeat {
+    double seconds;
+    uint64_t ring;
+    uint32_t gen;
+};
+
+struct Job {
+    DWORD channel = 0;
+    LiveRequest request;
+    std::weak_ptr<Channel> ch;
+    std::shared_ptr<DetectorEntry> entry;
+    HDSP dsp = 0;
+    HSYNC freeSync = 0;
+    bool removed = false;
+
+    // Analysis thread only.
+    std::unique_ptr<LiveTracker> tracker;
+    std::deque<HopPoint> points; // hop starts since the last reset, oldest first
+    uint64_t pointsBase = 0;     // hop index of points.front()
+    uint64_t hops = 0;           // hops since the last reset
+    uint64_t nextReport = 0;     // hop at which the next tempo is due
+    std::deque<PendingBeat> pending;
+    std::vector<float> values;
+    std::vector<double> beats;
+};
+
+class Registry {
+  public:
+    static Registry& instance() {
+        static Registry* r = new Registry(); // lives for the process, as its thread does
+        return *r;
+    }
+
+    bool start(DWORD handle, const LiveRequest& req) {
+        auto ch = Handles::get<Channel>(handle);
+        if (!ch || ch->isFreed()) return fail(BASS_ERROR_HANDLE);
+        stop(handle, req.kind, false);
+
+        auto job = std::make_shared<Job>();
+        job->channel = handle;
+        job->request = req;
+        job->ch = ch;
+        job->entry = std::make_shared<DetectorEntry>(ch->freq(), ch->chans());
+        job->entry->priority = INT_MIN;
+        const OnsetDetector& d = job->entry->detector;
+        job->tracker = std::make_unique<LiveTracker>(d.frameRate(), d.latencySeconds(), kWindowSeconds);
+        job->nextReport = periodHops(*job);
+        job->freeSync = ch->addSync(BASS_SYNC_FREE, 0, &Registry::onChannelFree, nullptr);
+        withLock([&] { jobs_.push_back(job); });
+        job->dsp = ch->addDspEntry(job->entry);
+        if (!job->dsp) {
+            stop(handle, req.kind, false);
+            return fail(BASS_ERROR_UNKNOWN);
+        }
+        wake_.notify_one();
+        ensureThread();
+        return succeed();
+    }
+
+    // Removes the job; waits for a callback in flight unless called from one.
+    bool stop(DWORD handle, LiveKind kind, bool checkHandle) {
+        auto ch = Handles::get<Channel>(handle);
+        if (checkHandle && (!ch || ch->isFreed())) return fail(BASS_ERROR_HANDLE);
+        std::shared_ptr<Job> job;
+        withLock([&] {
+            for (auto it = jobs_.begin(); it != jobs_.end(); ++it) {
+                if ((*it)->channel == handle && (*it)->request.kind == kind) {
+                    job = *it;
+                    job->removed = true;
+                    jobs_.erase(it);
+                    break;
+                }
+            }
+        });
+        // The channel's locks are taken only outside the registry lock.
+        if (job && ch && !ch->isFreed()) {
+            if (job->dsp) ch->removeDsp(job->dsp);
+            if (job->freeSync) ch->removeSync(job->freeSync);
+        }
+        return succeed();
+    }
+
+  private:
+    Registry() = default;
+
+    static uint64_t periodHops(const Job& job) {
+        const double hops = job.request.period * job.entry->detector.frameRate();
+        return hops >= 1 ? static_cast<uint64_t>(hops) : 1;
+    }
+
+    // The registry lock, unless this is the analysis thread (which holds it
+    // whenever it can be running code of ours).
+    template <class F> void withLock(F&& f) {
+        if (tlsAnalysisThread) {
+            f();
+            return;
+        }
+        std::lock_guard lock(mutex_);
+        f();
+    }
+
+    // FREE sync: runs on the thread freeing the channel, holding its render
+    // lock; its DSP entries die with it. The analysis thread's snapshot keeps
+    // a job alive while it is being serviced.
+    static void onChannelFree(HSYNC, DWORD channel, DWORD, void*) {
+        Registry& r = instance();
+        r.withLock([&] {
+            for (auto it = r.jobs_.begin(); it != r.jobs_.end();) {
+                if ((*it)->channel == channel) {
+                    (*it)->removed = true;
+                    it = r.jobs_.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        });
+    }
+
+    void ensureThread() {
+        std::call_once(threadOnce_, [this] {
+            std::thread([this] { run(); }).detach();
+        });
+    }
+
+    void run() {
+        std::unique_lock lock(mutex_);
+        tlsAnalysisThread = true;
+        std::vector<std::shared_ptr<Job>> snapshot;
+        for (;;) {
+            wake_.wait(lock, [this] { return !jobs_.empty(); });
+            snapshot = jobs_;
+            for (const auto& job : snapshot)
+                if (!job->removed) service(*job);
+            snapshot.clear();
+            lock.unlock();
+            std::this_thread::sleep_for(kPollInterval);
+            lock.lock();
+        }
+    }
+
+    // Called with the registry lock held, so stop() waits for it. Envelope
+    // that piled up (a decoding channel read faster than real time) is taken
+    // a quarter of a second at a time, so that no beat falls out of the
+    // tracker's window before it has been asked for.
+    void service(Job& job) {
+        auto ch = job.ch.lock();
+        if (!ch || ch->isFreed()) return;
+        DetectorEntry& e = *job.entry;
+        const auto chunk = static_cast<size_t>(std::max(1.0, 0.25 * e.detector.frameRate()));
+        for (;;) {
+            job.values.clear();
+            bool reset = false;
+            const size_t before = job.points.size();
+            while (const EnvelopeItem* item = e.queue.front()) {
+                if (item->reset && !job.values.empty()) break; // finish what came before first
+                if (item->reset) reset = true;
+                job.values.push_back(item->value);
+                job.points.push_back(item->at);
+                e.queue.pop();
+                if (job.values.size() >= chunk) break;
+            }
+            if (job.values.empty()) break;
+            if (reset) restart(job, before);
+            job.tracker->push(job.values.data(), job.values.size());
+            job.hops += job.values.size();
+            report(job, *ch);
+            if (job.removed) return;
+        }
+        releaseHeardBeats(job);
+        // Keep the hop positions of the tracker's window and a margin.
+        const auto keep = static_cast<size_t>((kWindowSeconds + 4.0) * e.detector.frameRate());
+        while (job.points.size() > keep) {
+            job.points.pop_front();
+            ++job.pointsBase;
+        }
+    }
+
+    // The timeline jumped: the hops from `firstNew` on begin a new analysis.
+    static void restart(Job& job, size_t firstNew) {
+        job.points.erase(job.points.begin(), job.points.begin() + static_cast<std::ptrdiff_t>(firstNew));
+        job.tracker->reset();
+        job.pointsBase = 0;
+        job.hops = 0;
+        job.nextReport = periodHops(job);
+        job.pending.clear();
+    }
+
+    static void report(Job& job, const Channel& ch) {
+        const LiveRequest& req = job.request;
+        if (req.kind == LiveKind::Tempo) {
+            if (job.hops < job.nextReport) return;
+            job.nextReport = job.hops + periodHops(job);
+            const double bpm = job.tracker->tempo(req.minBpm, req.maxBpm);
+            if (bpm > 0) req.tempoProc(job.channel, static_cast<float>(bpm), req.user);
+            return;
+        }
+        job.beats.clear();
+        job.tracker->takeNewBeats(job.beats);
+        for (double t : job.beats)
+            if (auto b = locate(job, ch, t)) job.pending.push_back(*b);
+        releaseHeardBeats(job);
+    }
+
+    // Beats go out once heard. Those flushed before they were heard never do,
+    // and neither do those found only well after they were heard (the first
+    // lock onto a tempo finds the beats of the seconds before it): a beat
+    // report says "now", or it misleads.
+    static void releaseHeardBeats(Job& job) {
+        if (job.request.kind != LiveKind::Beat) return;
+        Voice* v = job.entry->voice.load(std::memory_order_acquire);
+        const auto stale = static_cast<uint64_t>(kLateBeatSeconds * job.entry->sampleRate);
+        while (!job.pending.empty() && !job.removed) {
+            const PendingBeat b = job.pending.front();
+            if (v && b.ring != kNoRing) {
+                const uint64_t heard = v->heardRingIndex();
+                if (b.gen != v->flushGeneration() || heard > b.ring + stale) {
+                    job.pending.pop_front();
+                    continue;
+                }
+                if (heard < b.ring) break;
+            }
+            job.pending.pop_front();
+            job.request.beatProc(job.channel, b.seconds, job.request.user);
+        }
+    }
+
+    // A beat `t` seconds after the first hop since the last reset, on the
+    // channel's timeline and in its ring.
+    static std::optional<PendingBeat> locate(const Job& job, const Channel& ch, double t) {
+        if (job.points.empty() || !(t >= 0)) return std::nullopt;
+        const DetectorEntry& e = *job.entry;
+        const double frame = t * static_cast<double>(ch.freq());
+        const auto hop = static_cast<double>(e.detector.hop());
+        auto k = static_cast<int64_t>(std::floor(frame / hop));
+        k = std::clamp<int64_t>(k - static_cast<int64_t>(job.pointsBase), 0,
+                                static_cast<int64_t>(job.points.size()) - 1);
+        const HopPoint& p = job.points[static_cast<size_t>(k)];
+        const double into = frame - static_cast<double>(job.pointsBase + static_cast<uint64_t>(k)) * hop;
+        const double timeline = p.timeline + into * p.rate;
+        uint64_t ring = kNoRing;
+        if (p.ring != kNoRing) ring = p.ring + static_cast<uint64_t>(std::max(0.0, std::round(into)));
+        return PendingBeat{std::max(0.0, timeline) / static_cast<double>(ch.freq()), ring, p.gen};
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::vector<std::shared_ptr<Job>> jobs_;
+    std::once_flag threadOnce_;
+};
+
+} // namespace
+
+bool startLive(DWORD channel, const LiveRequest& request) {
+    return Registry::instance().start(channel, request);
+}
+
+bool stopLive(DWORD channel, LiveKind kind) {
+    return Registry::instance().stop(channel, kind, true);
+}
+
+} // namespace tavro::platform::bpm

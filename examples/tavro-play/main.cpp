@@ -162,8 +162,11 @@ int main(int argc, char** argv) {
     } else {
         auto player = TavroPlayer::init();
         player->setReverseEnabled(true); // tempo stage over a reverse stage
+        player->setIncludesAnalyzer(true);
+        player->setIncludesBPM(true);
         TavroError loadError;
-        if (!player->loadSource(TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(opt.file)), &loadError)) {
+        const TavroURL url = TavroURL::fileURLWithPath(opt.file);
+        if (!player->loadSource(TavroFileSource::initWithFileURL(url), &loadError)) {
             std::fprintf(stderr, "cannot open %s: %s\n", opt.file.c_str(), loadError.localizedDescription().c_str());
             status = 1;
         } else {
@@ -234,14 +237,23 @@ int main(int argc, char** argv) {
             Terminal term;
             if (term.interactive() && !opt.tour)
                 std::printf("keys: space pause, arrows seek/tempo, +/- pitch, r reverse, a/b loop, q quit\n");
+            // The file's tempo, found in the background while it plays; each
+            // beat heard lights the marker for a tenth of a second.
+            auto lastBeat = std::make_shared<std::chrono::steady_clock::time_point>();
+            TavroBPM::detectBPMForFileURL(url, 0, 0, 60, 180, [](float bpm) {
+                if (bpm > 0) std::printf("\n[tempo] %.1f BPM\n", static_cast<double>(bpm));
+            });
+            player->bpm()->startBeatDetectionWithBlock(
+                [lastBeat](double) { *lastBeat = std::chrono::steady_clock::now(); });
             player->play();
             player->beginProgressUpdatesEvery(0.1);
             player->setOnProgress([&](double pos) {
-                float lv[2] = {0, 0};
-                BASS_ChannelGetLevelEx(h, lv, 0.05f, BASS_LEVEL_STEREO);
-                std::printf("\r %s [%s] %s  L%3d%% R%3d%%  %-20s", clock(pos).c_str(), bar(pos, player->duration(), 30).c_str(),
-                            clock(player->duration()).c_str(), static_cast<int>(lv[0] * 100), static_cast<int>(lv[1] * 100),
-                            note.c_str());
+                float left = 0, right = 0;
+                player->analyzer()->readPeakLeft(&left, &right, nullptr, nullptr);
+                const bool onBeat = std::chrono::steady_clock::now() - *lastBeat < std::chrono::milliseconds(100);
+                std::printf("\r %s [%s] %s  L%3d%% R%3d%% %c %-20s", clock(pos).c_str(), bar(pos, player->duration(), 30).c_str(),
+                            clock(player->duration()).c_str(), static_cast<int>(left * 100), static_cast<int>(right * 100),
+                            onBeat ? '*' : ' ', note.c_str());
                 std::fflush(stdout);
             });
             const auto t0 = std::chrono::steady_clock::now();

@@ -207,7 +207,10 @@ typedef struct {
  * the tempo of the last 10 seconds, once enough audio has been heard to tell
  * one (silence reports nothing). BASS_FX_BPM_BeatCallbackSet's proc receives
  * each beat once, when it is heard (on a decoding channel, once decoded), with
- * its position in seconds on the channel's timeline. A seek starts the
+ * its position in seconds on the channel's timeline (a beat is settled half a
+ * period after it, so with a playback buffer shorter than that, or at the
+ * first lock onto a tempo, it may come up to 0.1 s + 0.6 periods late; beats
+ * found later than that are not reported). A seek starts the
  * analysis afresh. Live callbacks run on the platform's analysis thread,
  * never on the thread that renders the channel; one of each kind per channel
  * (setting again replaces). BASS_FX_BPM_Free / BASS_FX_BPM_BeatFree end them:

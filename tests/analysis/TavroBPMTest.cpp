@@ -153,10 +153,13 @@ TEST_F(TavroBPMTest, LiveBeatsOfAPlayingStreamArriveAsTheyAreHeard) {
     TavroMainQueue::runFor(600ms);
     EXPECT_LE(beats.size(), count + 1); // one may have been posted just before the stop
     ASSERT_GE(count, 6u);
+    // Beats are known before they are heard (the playback buffer runs ahead),
+    // so each arrives as it is heard; only the first, found when the tracker
+    // first locks on, may come up to about half a beat late.
     std::vector<double> times;
     for (auto [beat, heard] : beats) {
         times.push_back(beat);
-        EXPECT_NEAR(heard, beat, 0.12) << beat;
+        EXPECT_NEAR(heard, beat, times.size() == 1 ? 0.4 : 0.12) << beat;
     }
     EXPECT_GE(scoreBeats(track_->beats, times, 4.5, times.back()).hit, 0.9);
 }

@@ -25,7 +25,9 @@ namespace {
 constexpr uint64_t kNoRing = std::numeric_limits<uint64_t>::max();
 constexpr double kWindowSeconds = 10.0;
 constexpr auto kPollInterval = std::chrono::milliseconds(5);
-// A beat found this long after it was heard is no longer reported.
+// A beat is settled about half a period after it; with a short playback
+// buffer that can be after it was heard. One found later than this plus
+// 0.6 periods after it was heard is no longer reported.
 constexpr double kLateBeatSeconds = 0.1;
 
 // True on the analysis thread, which holds the registry lock whenever it runs
@@ -133,6 +135,8 @@ struct Job {
     uint64_t hops = 0;           // hops since the last reset
     uint64_t nextReport = 0;     // hop at which the next tempo is due
     std::deque<PendingBeat> pending;
+    double lastBeat = -1;      // seconds, the last beat located
+    double beatInterval = 0.5; // seconds between the last two
     std::vector<float> values;
     std::vector<double> beats;
 };
@@ -296,6 +300,7 @@ class Registry {
         job.hops = 0;
         job.nextReport = periodHops(job);
         job.pending.clear();
+        job.lastBeat = -1;
     }
 
     static void report(Job& job, const Channel& ch) {
@@ -309,19 +314,25 @@ class Registry {
         }
         job.beats.clear();
         job.tracker->takeNewBeats(job.beats);
-        for (double t : job.beats)
-            if (auto b = locate(job, ch, t)) job.pending.push_back(*b);
+        for (double t : job.beats) {
+            if (auto b = locate(job, ch, t)) {
+                if (job.lastBeat >= 0 && b->seconds > job.lastBeat) job.beatInterval = b->seconds - job.lastBeat;
+                job.lastBeat = b->seconds;
+                job.pending.push_back(*b);
+            }
+        }
         releaseHeardBeats(job);
     }
 
     // Beats go out once heard. Those flushed before they were heard never do,
     // and neither do those found only well after they were heard (the first
     // lock onto a tempo finds the beats of the seconds before it): a beat
-    // report says "now", or it misleads.
+    // report says "now", or it misleads. With a playback buffer shorter than
+    // half a beat, beats come out up to that much late.
     static void releaseHeardBeats(Job& job) {
         if (job.request.kind != LiveKind::Beat) return;
         Voice* v = job.entry->voice.load(std::memory_order_acquire);
-        const auto stale = static_cast<uint64_t>(kLateBeatSeconds * job.entry->sampleRate);
+        const auto stale = static_cast<uint64_t>((kLateBeatSeconds + 0.6 * job.beatInterval) * job.entry->sampleRate);
         while (!job.pending.empty() && !job.removed) {
             const PendingBeat b = job.pending.front();
             if (v && b.ring != kNoRing) {

@@ -689,7 +689,7 @@ DWORD Channel::getSpectrum(float* out, const SpectrumRequest& req) {
     constexpr DWORD kFail = 0xFFFFFFFF;
     const size_t n = spectrumSize(req);
     thread_local std::vector<float> frames;
-    frames.assign(n * chans_, 0.0f);
+    frames.resize(n * chans_);
     size_t got = 0;
     if (isDecoding()) {
         if (ended()) return failWith(BASS_ERROR_ENDED, kFail);
@@ -699,10 +699,12 @@ DWORD Channel::getSpectrum(float* out, const SpectrumRequest& req) {
             got += r;
         }
         if (got == 0 && ended()) return failWith(BASS_ERROR_ENDED, kFail);
+        std::fill(frames.begin() + static_cast<std::ptrdiff_t>(got * chans_), frames.end(), 0.0f);
     } else {
         if (!voice_) return failWith(BASS_ERROR_NOPLAY, kFail);
         // Right-aligned: the newest frame is the last one of the block.
         const size_t have = std::min<uint64_t>(n, voice_->history.written());
+        std::fill(frames.begin(), frames.begin() + static_cast<std::ptrdiff_t>((n - have) * chans_), 0.0f);
         got = voice_->history.latest(frames.data() + (n - have) * chans_, have);
     }
     if (!computeSpectrum(req, frames.data(), chans_, out)) return failWith(BASS_ERROR_MEM, kFail);

@@ -61,7 +61,9 @@ class DetectorEntry : public DspEntry {
         Voice* v = ch.voice();
         voice.store(v, std::memory_order_release);
         const uint32_t gen = v ? v->flushGeneration() : 0;
-        if (started_ && (std::fabs(start - expected_) > 0.5 || rate != rate_ || gen != gen_)) {
+        // A jump on the timeline or a flush breaks the audio; a new tempo or
+        // direction does not (the output runs on, only its mapping changes).
+        if (started_ && (std::fabs(start - expected_) > 0.5 || gen != gen_)) {
             detector.reset();
             hopsFed_ = 0;
             valuesOut_ = 0;
@@ -70,7 +72,6 @@ class DetectorEntry : public DspEntry {
         }
         started_ = true;
         expected_ = start + static_cast<double>(count) * rate;
-        rate_ = rate;
         gen_ = gen;
 
         const size_t hop = detector.hop();
@@ -109,7 +110,7 @@ class DetectorEntry : public DspEntry {
     uint64_t hopsFed_ = 0, valuesOut_ = 0;
     size_t inHop_ = 0;
     bool started_ = false, pendingReset_ = false;
-    double expected_ = 0, rate_ = 1;
+    double expected_ = 0;
     uint32_t gen_ = 0;
 };
 

@@ -193,8 +193,9 @@ typedef struct {
  * The search range of a tempo analysis is one word: low 16 bits the lowest
  * BPM, high 16 bits the highest; both must lie in 20..400 with low <= high.
  *
- * Offline (the channel must be decoding, else BASS_ERROR_DECODE): the channel is moved to startSec and
- * decoded up to endSec (or its end), on the calling thread. The decoded frames
+ * Offline (the channel must be decoding, else BASS_ERROR_DECODE): the
+ * channel is moved to startSec and decoded up to endSec (or its end), on the
+ * calling thread. The decoded frames
  * are consumed: afterwards the channel's position is where the analysis
  * stopped. BASS_FX_BPM_DecodeGet returns the tempo, 0 when nothing periodic
  * was found, or -1 on failure. BASS_FX_BPM_BeatDecodeGet calls `proc` once per
@@ -210,8 +211,8 @@ typedef struct {
  * its position in seconds on the channel's timeline (a beat is settled half a
  * period after it, so with a playback buffer shorter than that, or at the
  * first lock onto a tempo, it may come up to 0.1 s + 0.6 periods late; beats
- * found later than that are not reported). A seek starts the
- * analysis afresh. Live callbacks run on the platform's analysis thread,
+ * found later than that are not reported). A seek starts the analysis
+ * afresh; a change of tempo or direction does not. Live callbacks run on the platform's analysis thread,
  * never on the thread that renders the channel; one of each kind per channel
  * (setting again replaces). BASS_FX_BPM_Free / BASS_FX_BPM_BeatFree end them:
  * once they return (from any thread but that of the callback itself), the

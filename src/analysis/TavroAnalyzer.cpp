@@ -3,7 +3,6 @@
 #include <bass.h>
 
 #include <algorithm>
-#include <limits>
 #include <memory>
 #include <new>
 
@@ -26,13 +25,6 @@ DWORD fftFlagFor(uint64_t fftSize) {
 // cannot be expressed.
 constexpr uint64_t kMaxRequestBytes = uint64_t(1) << 30;
 constexpr DWORD kFailed = 0xFFFFFFFF;
-
-uint64_t truncatedNs(double seconds) {
-    const double ns = seconds * 1'000'000'000.0;
-    if (!(ns >= 0.0)) return 0;
-    if (ns >= static_cast<double>(std::numeric_limits<uint64_t>::max())) return std::numeric_limits<uint64_t>::max();
-    return static_cast<uint64_t>(ns);
-}
 
 } // namespace
 
@@ -140,9 +132,8 @@ void TavroAnalyzer::startMonitoringWithInterval(
     std::function<void(const std::shared_ptr<TavroAnalysisFrame>&)> block) {
     stopMonitoring();
     if (!(interval > 0) || !block) return;
-    const uint64_t period = truncatedNs(interval);
-    monitorTimer_ = TavroTimer::create(
-        period, period, period / 10,
+    monitorTimer_ = TavroTimer::createRepeating(
+        interval,
         TavroBindWeak(weak_from_this(), [fftSize, waveformSamples, block = std::move(block)](TavroAnalyzer& a) {
             block(a.captureWithFFTSize(fftSize, waveformSamples));
         }));

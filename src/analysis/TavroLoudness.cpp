@@ -76,12 +76,10 @@ void TavroLoudness::startMonitoringWithInterval(double interval,
                                                 std::function<void(const TavroLoudnessLevels&)> block) {
     stopMonitoring();
     if (!block) return;
-    const uint64_t period = truncatedCount(interval * 1'000'000'000.0);
-    monitorTimer_ =
-        TavroTimer::create(period, period, period / 10,
-                           TavroBindWeak(weak_from_this(), [block = std::move(block)](TavroLoudness& m) {
-                               if (m.running_) block(m.readCurrentLevels());
-                           }));
+    monitorTimer_ = TavroTimer::createRepeating(
+        interval, TavroBindWeak(weak_from_this(), [block = std::move(block)](TavroLoudness& m) {
+            if (m.running_) block(m.readCurrentLevels());
+        }));
     monitorTimer_->start();
 }
 

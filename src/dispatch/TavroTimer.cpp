@@ -2,6 +2,8 @@
 
 #include "dispatch/MainQueueState.hpp"
 
+#include <limits>
+
 using tavro::dispatch::Clock;
 using tavro::dispatch::MainQueueState;
 
@@ -21,6 +23,14 @@ Clock::time_point addSaturating(Clock::time_point t, uint64_t ns) {
 std::shared_ptr<TavroTimer> TavroTimer::create(uint64_t startDelayNs, uint64_t periodNs, uint64_t leewayNs,
                                                TavroTask handler) {
     return std::shared_ptr<TavroTimer>(new TavroTimer(startDelayNs, periodNs, leewayNs, std::move(handler)));
+}
+
+std::shared_ptr<TavroTimer> TavroTimer::createRepeating(double seconds, TavroTask handler) {
+    const double ns = seconds * 1'000'000'000.0;
+    uint64_t period = 0;
+    if (ns >= static_cast<double>(std::numeric_limits<uint64_t>::max())) period = std::numeric_limits<uint64_t>::max();
+    else if (ns > 0) period = static_cast<uint64_t>(ns);
+    return create(period, period, period / 10, std::move(handler));
 }
 
 TavroTimer::TavroTimer(uint64_t startDelayNs, uint64_t periodNs, uint64_t leewayNs, TavroTask handler)

@@ -145,8 +145,7 @@ void TavroPlayer::deliverError(const TavroError* error) {
 void TavroPlayer::beginProgressUpdatesEvery(double interval) {
     endProgressUpdates();
     if (!(interval > 0)) return;
-    const auto period = static_cast<uint64_t>(interval * 1'000'000'000.0);
-    progressTimer_ = TavroTimer::create(period, period, period / 10, TavroBindWeak(weak_from_this(), [](TavroPlayer& p) {
+    progressTimer_ = TavroTimer::createRepeating(interval, TavroBindWeak(weak_from_this(), [](TavroPlayer& p) {
         const double position = p.position();
         if (p.onProgress_) p.onProgress_(position);
         if (auto d = p.delegate_.lock()) d->bassPlayerDidUpdatePosition(p, position);

@@ -259,6 +259,8 @@ TEST(BeatAnalysis, DegenerateInputStaysQuietAndFinite) {
             EXPECT_TRUE(inRangeOrZero(live.tempo(60, 180), 60, 180));
             std::vector<double> liveBeats;
             live.takeNewBeats(liveBeats);
+            EXPECT_TRUE(std::all_of(liveBeats.begin(), liveBeats.end(), [](double b) { return std::isfinite(b); }));
+            EXPECT_TRUE(std::is_sorted(liveBeats.begin(), liveBeats.end()));
         }
         for (size_t shortLen : {size_t{0}, size_t{1}, size_t{100}}) {
             OnsetDetector det(f.rate, f.channels);

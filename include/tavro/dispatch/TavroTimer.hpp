@@ -24,6 +24,10 @@ class TavroTimer : public std::enable_shared_from_this<TavroTimer> {
     // are never early. The timer owns `handler` until it is cancelled.
     static std::shared_ptr<TavroTimer> create(uint64_t startDelayNs, uint64_t periodNs, uint64_t leewayNs,
                                               TavroTask handler);
+    // The periodic reporting timer: every `seconds` (converted to whole
+    // nanoseconds, truncated; not positive gives 0), first one period from
+    // start, with a leeway of a tenth of the period.
+    static std::shared_ptr<TavroTimer> createRepeating(double seconds, TavroTask handler);
     ~TavroTimer();
     TavroTimer(const TavroTimer&) = delete;
     TavroTimer& operator=(const TavroTimer&) = delete;

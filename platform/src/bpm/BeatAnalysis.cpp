@@ -1,70 +1,17 @@
 #include "bpm/BeatAnalysis.hpp"
 
+#include "core/RealFft.hpp"
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
-
-// libavutil's transforms are already linked into the platform library and are
-// SIMD-optimised; the onset detector runs one transform per hop on the audio
-// thread and the tempo search one large transform per estimate, so a
-// hand-written radix-2 transform would only be slower and more code to trust.
-extern "C" {
-#include <libavutil/mem.h>
-#include <libavutil/tx.h>
-}
 
 namespace tavro::platform::bpm {
 
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr size_t kSpectrumSlack = 16;
-
-// Owns one libavutil real transform and its buffers. Buffers come from
-// av_malloc so the SIMD paths get the alignment they want.
-class RealTransform {
-  public:
-    RealTransform(size_t len, bool inverse) : len_(len) {
-        const float scale = 1.0f;
-        if (len < 4 || len > (size_t{1} << 28)) return;
-        if (av_tx_init(&ctx_, &fn_, AV_TX_FLOAT_RDFT, inverse ? 1 : 0, static_cast<int>(len), &scale, 0) < 0) {
-            ctx_ = nullptr;
-            return;
-        }
-        real_ = static_cast<float*>(av_mallocz((len + 2) * sizeof(float)));
-        // Zeroed slack past the last bin lets callers run fixed-size blocks
-        // over the spectrum without a tail loop.
-        spectrum_ = static_cast<AVComplexFloat*>(av_mallocz((len / 2 + 1 + kSpectrumSlack) * sizeof(AVComplexFloat)));
-        if (!real_ || !spectrum_) av_tx_uninit(&ctx_);
-        inverse_ = inverse;
-    }
-    ~RealTransform() {
-        av_tx_uninit(&ctx_);
-        av_free(real_);
-        av_free(spectrum_);
-    }
-    RealTransform(const RealTransform&) = delete;
-    RealTransform& operator=(const RealTransform&) = delete;
-
-    bool ok() const { return ctx_ != nullptr; }
-    size_t size() const { return len_; }
-    float* real() { return real_; }
-    AVComplexFloat* spectrum() { return spectrum_; }
-    void run() {
-        if (inverse_)
-            fn_(ctx_, real_, spectrum_, sizeof(AVComplexFloat));
-        else
-            fn_(ctx_, spectrum_, real_, sizeof(float));
-    }
-
-  private:
-    size_t len_;
-    AVTXContext* ctx_ = nullptr;
-    av_tx_fn fn_ = nullptr;
-    float* real_ = nullptr;
-    AVComplexFloat* spectrum_ = nullptr;
-    bool inverse_ = false;
-};
+constexpr size_t kSpectrumSlack = RealFft::kSlack;
 
 size_t nextPow2(size_t v) {
     size_t p = 1;
@@ -97,8 +44,8 @@ inline float logAtLeastOne(float x) {
 // ---------------------------------------------------------------------------
 // OnsetDetector
 
-struct OnsetDetector::Transform : RealTransform {
-    using RealTransform::RealTransform;
+struct OnsetDetector::Transform : RealFft {
+    using RealFft::RealFft;
 };
 
 namespace {
@@ -261,8 +208,8 @@ std::vector<double> autocorrelation(const std::vector<float>& x, size_t maxLag) 
     mean /= static_cast<double>(n);
 
     const size_t m = nextPow2(n + maxLag + 1);
-    RealTransform fwd(m, false);
-    RealTransform inv(m, true);
+    RealFft fwd(m, false);
+    RealFft inv(m, true);
     if (!fwd.ok() || !inv.ok()) return r;
     float* in = fwd.real();
     for (size_t i = 0; i < n; ++i) in[i] = static_cast<float>(x[i] - mean);
@@ -494,6 +441,8 @@ double estimateTempo(const float* envelope, size_t count, double frameRate, doub
     return std::isfinite(t) ? t : 0.0;
 }
 
+namespace {
+// Beats in envelope frames (fractional, latency not applied).
 std::vector<double> trackBeatFrames(const float* envelope, size_t count, double frameRate, double bpm) {
     std::vector<double> beats;
     if (envelope == nullptr || !usable(frameRate) || !usable(bpm)) return beats;
@@ -573,6 +522,7 @@ std::vector<double> trackBeatFrames(const float* envelope, size_t count, double 
     }
     return beats;
 }
+} // namespace
 
 std::vector<double> trackBeats(const float* envelope, size_t count, double frameRate, double latencySeconds,
                                double bpm) {

@@ -48,7 +48,6 @@ class OnsetDetector {
 
     double frameRate() const { return sampleRate_ / static_cast<double>(hop_); }
     size_t hop() const { return hop_; }
-    size_t frameSize() const { return frameSize_; }
     double latencySeconds() const;
     void reset();
 
@@ -88,10 +87,6 @@ double estimateTempo(const float* envelope, size_t count, double frameRate, doub
 std::vector<double> trackBeats(const float* envelope, size_t count, double frameRate, double latencySeconds,
                                double bpm);
 
-// Same as trackBeats but in envelope frames (fractional, latency not applied),
-// for callers that need to relate beats to envelope positions.
-std::vector<double> trackBeatFrames(const float* envelope, size_t count, double frameRate, double bpm);
-
 // Tempo and beats over a sliding window of an envelope that arrives
 // continuously.
 class LiveTracker {
@@ -109,7 +104,6 @@ class LiveTracker {
     // envelope follows it.
     void takeNewBeats(std::vector<double>& out);
 
-    double frameRate() const { return frameRate_; }
     // Envelope values pushed since construction or the last reset().
     uint64_t pushed() const { return total_; }
 

@@ -133,7 +133,6 @@ struct Job {
     std::unique_ptr<LiveTracker> tracker;
     std::deque<HopPoint> points; // hop starts since the last reset, oldest first
     uint64_t pointsBase = 0;     // hop index of points.front()
-    uint64_t hops = 0;           // hops since the last reset
     uint64_t nextReport = 0;     // hop at which the next tempo is due
     std::deque<PendingBeat> pending;
     double lastBeat = -1;      // seconds, the last beat located
@@ -280,7 +279,6 @@ class Registry {
             if (job.values.empty()) break;
             if (reset) restart(job, before);
             job.tracker->push(job.values.data(), job.values.size());
-            job.hops += job.values.size();
             report(job, *ch);
             if (job.removed) return;
         }
@@ -298,7 +296,6 @@ class Registry {
         job.points.erase(job.points.begin(), job.points.begin() + static_cast<std::ptrdiff_t>(firstNew));
         job.tracker->reset();
         job.pointsBase = 0;
-        job.hops = 0;
         job.nextReport = periodHops(job);
         job.pending.clear();
         job.lastBeat = -1;
@@ -307,8 +304,10 @@ class Registry {
     static void report(Job& job, const Channel& ch) {
         const LiveRequest& req = job.request;
         if (req.kind == LiveKind::Tempo) {
-            if (job.hops < job.nextReport) return;
-            job.nextReport = job.hops + periodHops(job);
+            // Every envelope value has its point: hops since the reset.
+            const uint64_t hops = job.pointsBase + job.points.size();
+            if (hops < job.nextReport) return;
+            job.nextReport = hops + periodHops(job);
             const double bpm = job.tracker->tempo(req.minBpm, req.maxBpm);
             if (bpm > 0) req.tempoProc(job.channel, static_cast<float>(bpm), req.user);
             return;

@@ -1,15 +1,13 @@
 #include "channel/Spectrum.hpp"
 
 #include "bass.h"
-
-extern "C" {
-#include <libavutil/mem.h>
-#include <libavutil/tx.h>
-}
+#include "core/RealFft.hpp"
 
 #include <array>
 #include <cmath>
+#include <memory>
 #include <numbers>
+#include <vector>
 
 namespace tavro::platform {
 
@@ -18,33 +16,16 @@ namespace {
 constexpr unsigned kSizes = 7; // 256 .. 16384
 constexpr uint32_t kOptionBits = BASS_DATA_FFT_INDIVIDUAL | BASS_DATA_FFT_NOWINDOW | BASS_DATA_FFT_REMOVEDC;
 
-// One size's transform with its window and scratch, owned by one thread.
+// One size's transform with its window, owned by one thread.
 struct Transform {
-    AVTXContext* ctx = nullptr;
-    av_tx_fn fn = nullptr;
-    float* window = nullptr; // periodic Hann
-    float* in = nullptr;
-    AVComplexFloat* out = nullptr;
+    std::unique_ptr<RealFft> fft;
+    std::vector<float> window; // periodic Hann
     float windowSum = 0;
 
-    ~Transform() {
-        av_tx_uninit(&ctx);
-        av_free(window);
-        av_free(in);
-        av_free(out);
-    }
-
     bool prepare(size_t n) {
-        if (ctx) return true;
-        window = static_cast<float*>(av_malloc(n * sizeof(float)));
-        in = static_cast<float*>(av_malloc(n * sizeof(float)));
-        out = static_cast<AVComplexFloat*>(av_malloc((n / 2 + 1) * sizeof(AVComplexFloat)));
-        const float scale = 1.0f;
-        if (!window || !in || !out ||
-            av_tx_init(&ctx, &fn, AV_TX_FLOAT_RDFT, 0, static_cast<int>(n), &scale, 0) < 0) {
-            av_tx_uninit(&ctx);
-            return false;
-        }
+        if (fft) return fft->ok();
+        fft = std::make_unique<RealFft>(n, false);
+        window.resize(n);
         double sum = 0;
         for (size_t i = 0; i < n; ++i) {
             const double w = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * static_cast<double>(i) / static_cast<double>(n));
@@ -52,7 +33,7 @@ struct Transform {
             sum += w;
         }
         windowSum = static_cast<float>(sum);
-        return true;
+        return fft->ok();
     }
 };
 
@@ -62,28 +43,28 @@ Transform* transformFor(unsigned sizeIndex) {
     return t.prepare(size_t(256) << sizeIndex) ? &t : nullptr;
 }
 
-// Transforms t.in (already filled) into `out`, one magnitude every `stride` floats.
+// Transforms the samples already in the transform's input into `out`, one
+// magnitude every `stride` floats.
 void magnitudes(Transform& t, const SpectrumRequest& req, size_t n, float* out, size_t stride) {
+    float* in = t.fft->real();
     if (req.removeDc) {
         double mean = 0;
-        for (size_t i = 0; i < n; ++i) mean += t.in[i];
+        for (size_t i = 0; i < n; ++i) mean += in[i];
         mean /= static_cast<double>(n);
-        for (size_t i = 0; i < n; ++i) t.in[i] -= static_cast<float>(mean);
+        for (size_t i = 0; i < n; ++i) in[i] -= static_cast<float>(mean);
     }
     float sum = static_cast<float>(n);
     if (!req.noWindow) {
-        for (size_t i = 0; i < n; ++i) t.in[i] *= t.window[i];
+        for (size_t i = 0; i < n; ++i) in[i] *= t.window[i];
         sum = t.windowSum;
     }
-    t.fn(t.ctx, t.out, t.in, sizeof(float));
+    t.fft->run();
+    const AVComplexFloat* bins = t.fft->spectrum();
     const float scale = 2.0f / sum;
-    out[0] = std::fabs(t.out[0].re) / sum;
+    out[0] = std::fabs(bins[0].re) / sum;
     // Plain sqrt rather than hypot: magnitudes here never come near overflow,
     // and hypot's care costs more than the transform.
-    for (size_t k = 1; k < n / 2; ++k) {
-        const float re = t.out[k].re, im = t.out[k].im;
-        out[k * stride] = std::sqrt(re * re + im * im) * scale;
-    }
+    for (size_t k = 1; k < n / 2; ++k) out[k * stride] = std::sqrt(bins[k].re * bins[k].re + bins[k].im * bins[k].im) * scale;
 }
 
 } // namespace
@@ -104,21 +85,22 @@ bool computeSpectrum(const SpectrumRequest& req, const float* frames, unsigned c
     Transform* t = transformFor(req.sizeIndex);
     if (!t || chans == 0) return false;
     const size_t n = spectrumSize(req);
+    float* in = t->fft->real();
     if (req.individual) {
         for (unsigned c = 0; c < chans; ++c) {
-            for (size_t i = 0; i < n; ++i) t->in[i] = frames[i * chans + c];
+            for (size_t i = 0; i < n; ++i) in[i] = frames[i * chans + c];
             magnitudes(*t, req, n, out + c, chans);
         }
         return true;
     }
     const float inv = 1.0f / static_cast<float>(chans);
     if (chans == 2) {
-        for (size_t i = 0; i < n; ++i) t->in[i] = (frames[2 * i] + frames[2 * i + 1]) * inv;
+        for (size_t i = 0; i < n; ++i) in[i] = (frames[2 * i] + frames[2 * i + 1]) * inv;
     } else {
         for (size_t i = 0; i < n; ++i) {
             float s = 0;
             for (unsigned c = 0; c < chans; ++c) s += frames[i * chans + c];
-            t->in[i] = s * inv;
+            in[i] = s * inv;
         }
     }
     magnitudes(*t, req, n, out, 1);

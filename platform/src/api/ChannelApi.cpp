@@ -24,7 +24,8 @@ HSTREAM BASS_StreamCreate(DWORD freq, DWORD chans, DWORD flags, STREAMPROC* proc
     auto dev = Device::current();
     if (!dev) return failWith<HSTREAM>(BASS_ERROR_INIT, 0);
     if (freq < 1 || freq > 1000000) return failWith<HSTREAM>(BASS_ERROR_FREQ, 0);
-    if (chans < 1 || chans > 32) return failWith<HSTREAM>(BASS_ERROR_ILLPARAM, 0);
+    if (chans < 1 || chans > kMaxChannels) return failWith<HSTREAM>(BASS_ERROR_ILLPARAM, 0);
+    if (uint64_t(freq) * chans > kMaxSamplesPerSecond) return failWith<HSTREAM>(BASS_ERROR_FORMAT, 0);
     if (proc == STREAMPROC_DEVICE) return failWith<HSTREAM>(BASS_ERROR_NOTAVAIL, 0);
     if (proc == STREAMPROC_DUMMY && !(flags & BASS_STREAM_DECODE)) flags |= BASS_STREAM_DECODE;
     auto s = std::make_shared<UserStream>(freq, chans, flags, proc, user, dev);
@@ -115,7 +116,10 @@ QWORD BASS_ChannelSeconds2Bytes(DWORD handle, double pos) {
     if (!(pos >= 0) || std::isinf(pos)) return failWith(BASS_ERROR_ILLPARAM, kBadPos);
     // Round down to a whole frame; the tiny bias keeps exact frame times
     // (t = n / rate) from landing one frame early through rounding.
-    const auto frames = static_cast<QWORD>(std::floor(pos * ch->freq() + 1e-7));
+    const double exact = std::floor(pos * ch->freq() + 1e-7);
+    // Beyond any position a 64-bit byte count can hold.
+    if (exact * static_cast<double>(ch->bytesPerFrame()) >= 1.8e19) return failWith(BASS_ERROR_ILLPARAM, kBadPos);
+    const auto frames = static_cast<QWORD>(exact);
     return succeedWith(frames * ch->bytesPerFrame());
 }
 

@@ -138,9 +138,9 @@ void Channel::fireSync(SyncEntry& s, DWORD data, uint64_t heardAhead) {
         s.proc(s.handle, handle(), data, s.user);
         return;
     }
-    if (renderingToRing_ && voice_) {
+    if (renderingToRing_ && voice()) {
         // Heard later: the device thread fires it when it reaches this frame.
-        voice_->events.push({ringBase_ + renderDone_ + heardAhead, s.handle, data});
+        voice()->events.push({ringBase_ + renderDone_ + heardAhead, s.handle, data});
         return;
     }
     SyncThread::post(SyncEvent::fire(handle(), s.handle, data));
@@ -202,10 +202,14 @@ bool Channel::handleEnd(const std::vector<std::shared_ptr<SyncEntry>>& syncs) {
         if (s->type == BASS_SYNC_END) fireSync(*s, 0);
     if (pos_.load(std::memory_order_relaxed) != at || !judged_) return true; // a sync moved the position
     if ((flags() & BASS_SAMPLE_LOOP) && seekable() && seekFramesLocked(startFrame(), 0)) return true;
-    // Whatever a stage held back has come out: the position is the end.
-    outPos_.store(static_cast<double>(at), std::memory_order_release);
-    ended_.store(true, std::memory_order_release);
+    markEnded();
     return false;
+}
+
+void Channel::markEnded() {
+    // Whatever a stage held back has come out: the position is the end.
+    outPos_.store(static_cast<double>(pos_.load(std::memory_order_relaxed)), std::memory_order_release);
+    ended_.store(true, std::memory_order_release);
 }
 
 Channel::Span Channel::produceSpan(float* out, size_t frames, uint64_t maxTimeline) {
@@ -222,8 +226,8 @@ void Channel::noteOutput(const Span& span) {
     // from ring frames to timeline frames changes (a seek, a loop, a new rate).
     const bool continues =
         !markerDue_ && span.rate == markRate_ && std::fabs(span.outStart - markNext_) < 0.5;
-    if (!continues && renderingToRing_ && voice_)
-        voice_->pushMarker(ringBase_ + renderDone_, span.outStart, span.rate);
+    if (!continues && renderingToRing_ && voice())
+        voice()->pushMarker(ringBase_ + renderDone_, span.outStart, span.rate);
     markerDue_ = false;
     markRate_ = span.rate;
     markNext_ = span.outStart + static_cast<double>(span.frames) * span.rate;
@@ -240,10 +244,24 @@ void Channel::resetTimeline(uint64_t frame) {
 size_t Channel::read(float* out, size_t frames) {
     std::lock_guard lock(renderMutex_);
     RenderScope scope(this);
+    size_t done = 0;
+    try {
+        renderLocked(out, frames, done);
+    } catch (...) {
+        // Whatever a decoder, a stage or a procedure threw ends the stream
+        // here: it must not reach the render thread or the caller.
+        markEnded();
+    }
+    return done;
+}
+
+void Channel::renderLocked(float* out, size_t frames, size_t& done) {
     beginBlock();
     const auto dsps = dspSnapshot();
     const auto syncs = syncSnapshot();
-    size_t done = 0;
+    // Frames the source has given since it last restarted at its end (a loop
+    // or a sync that moved it); a restart that gives nothing ends the stream.
+    size_t sinceRestart = SIZE_MAX;
     while (done < frames && !ended_.load(std::memory_order_relaxed) && !freed_.load()) {
         if (renderingToRing_) renderDone_ = done;
         firePositionSyncs(*syncs);
@@ -260,15 +278,20 @@ size_t Channel::read(float* out, size_t frames) {
             if (renderingToRing_) renderDone_ = done;
         }
         pos_.store(span.timeline, std::memory_order_release);
+        if (sinceRestart != SIZE_MAX) sinceRestart += span.frames;
         // A step that moved nothing is starved whatever it says, or this would spin.
         const bool starved = span.starved || (span.frames == 0 && span.timeline == at);
         stalled_.store(starved && !sourceEnded(), std::memory_order_relaxed);
         if (starved) {
             if (!sourceEnded()) break; // stalled: no data yet
+            if (sinceRestart == 0) {
+                markEnded();
+                break;
+            }
             if (!handleEnd(*syncs)) break;
+            sinceRestart = 0;
         }
     }
-    return done;
 }
 
 uint64_t Channel::blockRingIndex() const {
@@ -277,9 +300,9 @@ uint64_t Channel::blockRingIndex() const {
 
 size_t Channel::fillRing(size_t target) {
     std::lock_guard lock(renderMutex_);
-    if (!voice_ || freed_.load()) return 0;
+    if (!voice() || freed_.load()) return 0;
     size_t total = 0;
-    FrameRing& ring = voice_->ring;
+    FrameRing& ring = voice()->ring;
     target = std::min(target, ring.capacity());
     while (ring.available() < target && !ended_.load()) {
         size_t n = std::min(target - ring.available(), kMaxBlockFrames);
@@ -300,12 +323,14 @@ size_t Channel::fillRing(size_t target) {
 // ---------------------------------------------------------------- transport
 
 void Channel::ensureVoice() {
-    if (voice_) return;
+    if (voice()) return;
     const DWORD bufferMs = Config::value(BASS_CONFIG_BUFFER);
     const size_t ring = static_cast<size_t>(uint64_t(freq_) * bufferMs / 1000) + kMaxBlockFrames;
     // Enough history for a second of levels or the largest spectrum.
     const size_t history = std::max<size_t>(2 * freq_, 2 * 16384);
-    voice_ = std::make_unique<Voice>(*this, ring, history, static_cast<int>(Config::value(BASS_CONFIG_SRC)));
+    voiceOwner_ = std::make_unique<Voice>(*this, ring, history, static_cast<int>(Config::value(BASS_CONFIG_SRC)));
+    // Readers on other threads (position, data, levels) find it without the render lock.
+    voice_.store(voiceOwner_.get(), std::memory_order_release);
 }
 
 bool Channel::play(bool restart) {
@@ -321,7 +346,7 @@ bool Channel::play(bool restart) {
             } else {
                 onRestart();
             }
-            if (voice_) voice_->requestFlush(static_cast<uint64_t>(outputPosition()));
+            if (voice()) voice()->requestFlush(static_cast<uint64_t>(outputPosition()));
         }
         if (state() == ChannelState::Playing && !restart) return succeed();
         ensureVoice();
@@ -345,11 +370,11 @@ bool Channel::stop() {
     {
         std::lock_guard lock(renderMutex_);
         state_.store(ChannelState::Stopped, std::memory_order_release);
-        if (voice_) {
+        if (voice()) {
             // Continue later from what was heard, not from what was rendered ahead.
-            const uint64_t heard = voice_->heardPosition();
+            const uint64_t heard = voice()->heardPosition();
             if (seekable() && !ended_.load() && heard != pos_.load()) seekFramesLocked(heard, 0);
-            voice_->requestFlush(seekable() ? pos_.load() : heard);
+            voice()->requestFlush(seekable() ? pos_.load() : heard);
         }
     }
     if (device_) device_->detach(*this);
@@ -367,7 +392,7 @@ DWORD Channel::activeState() const {
         return BASS_ACTIVE_PAUSED;
     case ChannelState::Playing:
         if (device_ && !device_->isRunning()) return BASS_ACTIVE_PAUSED_DEVICE;
-        if (stalled_.load() && voice_ && voice_->ring.available() == 0 && !ended()) return BASS_ACTIVE_STALLED;
+        if (stalled_.load() && voice() && voice()->ring.available() == 0 && !ended()) return BASS_ACTIVE_STALLED;
         return BASS_ACTIVE_PLAYING;
     default:
         return BASS_ACTIVE_STOPPED;
@@ -404,7 +429,7 @@ bool Channel::setPosition(QWORD pos, DWORD mode) {
     if (!seekFramesLocked(frame, mode)) return false;
     // A sync inside the render moved us: what was rendered before this frame
     // is still to be heard, so no flush; the next output starts a marker.
-    if (voice_ && !(reentrant && renderingToRing_)) voice_->requestFlush(frame);
+    if (voice() && !(reentrant && renderingToRing_)) voice()->requestFlush(frame);
     if (state() == ChannelState::Playing) Device::wakeUpdater();
     return succeed();
 }
@@ -412,9 +437,9 @@ bool Channel::setPosition(QWORD pos, DWORD mode) {
 QWORD Channel::position(DWORD mode) {
     if ((mode & 0xFF) != BASS_POS_BYTE) return failWith<QWORD>(BASS_ERROR_NOTAVAIL, static_cast<QWORD>(-1));
     uint64_t frames;
-    if (isDecoding() || !voice_ || (mode & BASS_POS_DECODE))
+    if (isDecoding() || !voice() || (mode & BASS_POS_DECODE))
         frames = static_cast<uint64_t>(std::max(0.0, std::floor(outputPosition() + 1e-6)));
-    else frames = voice_->heardPosition();
+    else frames = voice()->heardPosition();
     return succeedWith<QWORD>(frames * bytesPerFrame());
 }
 
@@ -433,7 +458,7 @@ double Channel::rateNow(int64_t now) const {
 }
 
 bool Channel::setAttribute(DWORD attrib, float value) {
-    if (std::isnan(value)) return fail(BASS_ERROR_ILLPARAM);
+    if (!std::isfinite(value)) return fail(BASS_ERROR_ILLPARAM);
     const int64_t now = monotonicNs();
     switch (attrib) {
     case BASS_ATTRIB_VOL:
@@ -471,7 +496,7 @@ bool Channel::slideAttribute(DWORD attrib, float value, DWORD ms) {
     attrib &= ~BASS_SLIDE_LOG;
     const int bit = attribBit(attrib);
     if (!bit) return fail(BASS_ERROR_ILLTYPE);
-    if (std::isnan(value)) return fail(BASS_ERROR_ILLPARAM);
+    if (!std::isfinite(value)) return fail(BASS_ERROR_ILLPARAM);
     const int64_t now = monotonicNs();
     const int64_t dur = int64_t(ms) * 1'000'000;
     SeqLocked<Slide>* target = nullptr;
@@ -630,7 +655,9 @@ std::shared_ptr<SyncEntry> Channel::findSync(HSYNC sync) const {
 }
 
 void Channel::fireSyncsNow(DWORD type, DWORD data) {
-    for (const auto& s : *syncSnapshot()) {
+    // Held here: a procedure that sets or removes a sync replaces the list.
+    const auto syncs = syncSnapshot();
+    for (const auto& s : *syncs) {
         if (s->type != type || s->removed.load()) continue;
         if (s->onetime) s->removed.store(true);
         s->proc(s->handle, handle(), data, s->user);
@@ -648,7 +675,7 @@ DWORD Channel::getData(void* buffer, DWORD length) {
         return getSpectrum(static_cast<float*>(buffer), req);
     }
     if (length == BASS_DATA_AVAILABLE) {
-        const uint64_t frames = (!isDecoding() && voice_) ? voice_->buffered() : 0;
+        const uint64_t frames = (!isDecoding() && voice()) ? voice()->buffered() : 0;
         return succeedWith(static_cast<DWORD>(frames * bytesPerFrame()));
     }
     if (!buffer) return failWith(BASS_ERROR_ILLPARAM, kFail);
@@ -658,10 +685,10 @@ DWORD Channel::getData(void* buffer, DWORD length) {
     if (frames == 0) return succeedWith<DWORD>(0);
     auto* out = static_cast<uint8_t*>(buffer);
     if (!isDecoding()) {
-        if (!voice_) return failWith(BASS_ERROR_NOPLAY, kFail);
+        if (!voice()) return failWith(BASS_ERROR_NOPLAY, kFail);
         // What is being heard; the playing channel is not disturbed.
         std::vector<float> tmp(frames * chans_);
-        const size_t got = voice_->history.latest(tmp.data(), frames);
+        const size_t got = voice()->history.latest(tmp.data(), frames);
         encodeSamples(tmp.data(), out, got * chans_, outBps);
         return succeedWith(static_cast<DWORD>(got * chans_ * outBps));
     }
@@ -701,11 +728,11 @@ DWORD Channel::getSpectrum(float* out, const SpectrumRequest& req) {
         if (got == 0 && ended()) return failWith(BASS_ERROR_ENDED, kFail);
         std::fill(frames.begin() + static_cast<std::ptrdiff_t>(got * chans_), frames.end(), 0.0f);
     } else {
-        if (!voice_) return failWith(BASS_ERROR_NOPLAY, kFail);
+        if (!voice()) return failWith(BASS_ERROR_NOPLAY, kFail);
         // Right-aligned: the newest frame is the last one of the block.
-        const size_t have = std::min<uint64_t>(n, voice_->history.written());
+        const size_t have = std::min<uint64_t>(n, voice()->history.written());
         std::fill(frames.begin(), frames.begin() + static_cast<std::ptrdiff_t>((n - have) * chans_), 0.0f);
-        got = voice_->history.latest(frames.data() + (n - have) * chans_, have);
+        got = voice()->history.latest(frames.data() + (n - have) * chans_, have);
     }
     if (!computeSpectrum(req, frames.data(), chans_, out)) return failWith(BASS_ERROR_MEM, kFail);
     return succeedWith(static_cast<DWORD>(got * bytesPerFrame()));
@@ -721,8 +748,8 @@ bool Channel::getLevels(float* levels, float seconds, DWORD flags) {
         got = read(data.data(), frames);
         if (got == 0 && ended()) return fail(BASS_ERROR_ENDED);
     } else {
-        if (!voice_ || state() != ChannelState::Playing) return fail(BASS_ERROR_NOPLAY);
-        got = voice_->history.latest(data.data(), frames);
+        if (!voice() || state() != ChannelState::Playing) return fail(BASS_ERROR_NOPLAY);
+        got = voice()->history.latest(data.data(), frames);
     }
     float gl = 1, gr = 1;
     if (flags & BASS_LEVEL_VOLPAN) {

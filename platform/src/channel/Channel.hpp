@@ -36,6 +36,17 @@ struct SpectrumRequest;
 // Frames a renderer processes at most in one go; scratch buffers are sized by it.
 constexpr size_t kMaxBlockFrames = 4096;
 
+// The largest formats a channel takes. They bound what a declared header can
+// make the platform allocate: a playing channel buffers up to five seconds
+// plus its history, so the sample rate times the channel count is capped too
+// (384 kHz x 8, 192 kHz x 16 or 96 kHz x 32 channels at most).
+constexpr DWORD kMaxChannels = 32;
+constexpr DWORD kMinRate = 1000, kMaxRate = 768000;
+constexpr uint64_t kMaxSamplesPerSecond = 3072000;
+inline bool formatWithinLimits(uint64_t freq, uint64_t chans) {
+    return chans >= 1 && chans <= kMaxChannels && freq >= kMinRate && freq <= kMaxRate && freq * chans <= kMaxSamplesPerSecond;
+}
+
 int64_t monotonicNs();
 
 struct Slide {
@@ -166,7 +177,7 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     // callback of this channel can run any more.
     void free();
     bool isFreed() const { return freed_.load(std::memory_order_acquire); }
-    Voice* voice() const { return voice_.get(); }
+    Voice* voice() const { return voice_.load(std::memory_order_acquire); }
     // Scratch space for one block (kMaxBlockFrames frames); render thread only.
     float* scratch() { return scratch_.data(); }
 
@@ -207,6 +218,7 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     std::recursive_mutex renderMutex_;
 
   private:
+    void renderLocked(float* out, size_t frames, size_t& done);
     void runDsps(const std::vector<std::shared_ptr<DspEntry>>& dsps, float* buf, size_t frames);
     void fireSync(SyncEntry& s, DWORD data, uint64_t heardAhead = 0);
     bool judgePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs);
@@ -214,6 +226,7 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     uint64_t framesToNextSync(const std::vector<std::shared_ptr<SyncEntry>>& syncs) const;
     void noteOutput(const Span& span);
     bool handleEnd(const std::vector<std::shared_ptr<SyncEntry>>& syncs);
+    void markEnded();
     bool seekFramesLocked(uint64_t frame, DWORD mode);
     void ensureVoice();
     void requestFlush(uint64_t heardFrame);
@@ -251,7 +264,8 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     std::atomic<bool> freed_{false};
     std::atomic<bool> stopAfterSlide_{false};
     std::atomic<uint32_t> slidesPending_{0}; // attributes whose SLIDE syncs are still to fire
-    std::unique_ptr<Voice> voice_;
+    std::unique_ptr<Voice> voiceOwner_; // made once, at the first play
+    std::atomic<Voice*> voice_{nullptr};
 
     friend class Voice;
 };

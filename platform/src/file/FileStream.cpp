@@ -132,6 +132,11 @@ struct Decoder {
     AVFormatContext* fmt = nullptr;
     AVCodecContext* codec = nullptr;
     SwrContext* swr = nullptr;
+    // What the converter was built for: a frame in any other layout, rate or
+    // sample format rebuilds it (concatenated files, radio, broken headers).
+    AVChannelLayout swrInLayout{};
+    int swrInRate = 0, swrInFormat = -1;
+    AVChannelLayout outLayout{}; // the layout announced at open
     AVPacket* pkt = nullptr;
     AVFrame* frame = nullptr;
     int stream = -1;
@@ -172,6 +177,8 @@ struct Decoder {
         av_frame_free(&frame);
         av_packet_free(&pkt);
         swr_free(&swr);
+        av_channel_layout_uninit(&swrInLayout);
+        av_channel_layout_uninit(&outLayout);
         avcodec_free_context(&codec);
         if (fmt) avformat_close_input(&fmt);
     }
@@ -188,6 +195,40 @@ struct Decoder {
         }
         if (!atStart) start = 0;
         else if (!marked) start = static_cast<uint32_t>(std::max(0, fmt->streams[stream]->codecpar->initial_padding));
+    }
+
+    // Makes the converter fit this frame: its own layout, rate and sample
+    // format in, the announced layout at the announced rate out. False when
+    // the frame cannot be converted (it is then skipped).
+    bool fitConverter(const AVFrame* f) {
+        const int inRate = f->sample_rate > 0 ? f->sample_rate : rate;
+        AVChannelLayout in{};
+        if (f->ch_layout.nb_channels < 1) return false;
+        if (f->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) av_channel_layout_default(&in, f->ch_layout.nb_channels);
+        else if (av_channel_layout_copy(&in, &f->ch_layout) < 0) return false;
+        if (swr && inRate == swrInRate && f->format == swrInFormat && av_channel_layout_compare(&in, &swrInLayout) == 0) {
+            av_channel_layout_uninit(&in);
+            return true;
+        }
+        swr_free(&swr);
+        av_channel_layout_uninit(&swrInLayout);
+        swrInFormat = -1;
+        int err = swr_alloc_set_opts2(&swr, &outLayout, AV_SAMPLE_FMT_FLT, rate, &in,
+                                      static_cast<AVSampleFormat>(f->format), inRate, 0, nullptr);
+        if (err >= 0 && outLayout.nb_channels == 1 && in.nb_channels > 1) {
+            // Mono is the average of all channels, not the library's surround downmix.
+            std::vector<double> matrix(static_cast<size_t>(in.nb_channels), 1.0 / in.nb_channels);
+            err = swr_set_matrix(swr, matrix.data(), in.nb_channels);
+        }
+        if (err < 0 || swr_init(swr) < 0) {
+            swr_free(&swr);
+            av_channel_layout_uninit(&in);
+            return false;
+        }
+        swrInLayout = in;
+        swrInRate = inRate;
+        swrInFormat = f->format;
+        return true;
     }
 
     int64_t streamStart() const {
@@ -234,8 +275,10 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
         if (!dec->plugin) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
     }
     const int chans = st->codecpar->ch_layout.nb_channels;
-    if (chans < 1 || chans > 32 || st->codecpar->sample_rate < 1000 || st->codecpar->sample_rate > 1536000)
-        return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    if (chans < 1 || st->codecpar->sample_rate < 1) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr);
+    const int announced = (flags & BASS_SAMPLE_MONO) ? 1 : chans;
+    if (!formatWithinLimits(static_cast<uint64_t>(st->codecpar->sample_rate), static_cast<uint64_t>(announced)))
+        return failWith<Result>(BASS_ERROR_FORMAT, nullptr);
     dec->codec = avcodec_alloc_context3(codec);
     if (!dec->codec || avcodec_parameters_to_context(dec->codec, st->codecpar) < 0)
         return failWith<Result>(BASS_ERROR_MEM, nullptr);
@@ -248,35 +291,22 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
     dec->tb = st->time_base;
     dec->rate = dec->codec->sample_rate;
     dec->outChans = (flags & BASS_SAMPLE_MONO) ? 1 : dec->codec->ch_layout.nb_channels;
+    if (!formatWithinLimits(static_cast<uint64_t>(dec->rate), static_cast<uint64_t>(dec->outChans)))
+        return failWith<Result>(BASS_ERROR_FORMAT, nullptr);
     const int bits = st->codecpar->bits_per_raw_sample ? st->codecpar->bits_per_raw_sample : st->codecpar->bits_per_coded_sample;
     const auto sf = static_cast<AVSampleFormat>(st->codecpar->format);
     dec->origres = (sf == AV_SAMPLE_FMT_FLT || sf == AV_SAMPLE_FMT_FLTP || sf == AV_SAMPLE_FMT_DBL || sf == AV_SAMPLE_FMT_DBLP)
                        ? 32
                        : static_cast<DWORD>(bits > 0 ? bits : 16);
 
-    AVChannelLayout inLayout{}, outLayout{};
-    if (dec->codec->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) av_channel_layout_default(&inLayout, dec->codec->ch_layout.nb_channels);
-    else av_channel_layout_copy(&inLayout, &dec->codec->ch_layout);
-    if (dec->outChans == 1) outLayout = AV_CHANNEL_LAYOUT_MONO;
-    else av_channel_layout_copy(&outLayout, &inLayout);
-    int err = swr_alloc_set_opts2(&dec->swr, &outLayout, AV_SAMPLE_FMT_FLT, dec->rate, &inLayout, dec->codec->sample_fmt,
-                                  dec->rate, 0, nullptr);
-    if (err >= 0 && dec->outChans == 1 && inLayout.nb_channels > 1) {
-        // Mono is the average of all channels, not the library's surround downmix.
-        std::vector<double> matrix(static_cast<size_t>(inLayout.nb_channels), 1.0 / inLayout.nb_channels);
-        err = swr_set_matrix(dec->swr, matrix.data(), inLayout.nb_channels);
-    }
-    av_channel_layout_uninit(&inLayout);
-    av_channel_layout_uninit(&outLayout);
-    if (err < 0 || swr_init(dec->swr) < 0) return failWith<Result>(BASS_ERROR_FORMAT, nullptr);
+    if (dec->outChans == 1) dec->outLayout = AV_CHANNEL_LAYOUT_MONO;
+    else if (dec->codec->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) av_channel_layout_default(&dec->outLayout, dec->outChans);
+    else if (av_channel_layout_copy(&dec->outLayout, &dec->codec->ch_layout) < 0) return failWith<Result>(BASS_ERROR_MEM, nullptr);
     dec->pkt = av_packet_alloc();
     dec->frame = av_frame_alloc();
     if (!dec->pkt || !dec->frame) return failWith<Result>(BASS_ERROR_MEM, nullptr);
 
-    const int rate = dec->rate, outChans = dec->outChans;
-    const DWORD ctype = dec->family.ctype;
     std::shared_ptr<FileStream> fs(new FileStream(std::move(dec), flags, std::move(device)));
-    (void)rate, (void)outChans, (void)ctype;
     Decoder& d = *fs->dec_;
     // The first frame proves the data decodes and fixes where sample 0 is.
     fs->knowPosition_ = true;
@@ -374,6 +404,10 @@ bool FileStream::decodeFrame() {
                 }
                 knowPosition_ = true;
             }
+            if (!d.fitConverter(d.frame)) {
+                av_frame_unref(d.frame);
+                continue;
+            }
             const int outMax = swr_get_out_samples(d.swr, n);
             const size_t base = pending_.size();
             pending_.resize(base + static_cast<size_t>(std::max(outMax, n)) * static_cast<size_t>(d.outChans));
@@ -424,7 +458,7 @@ size_t FileStream::produce(float* out, size_t frames) {
     const size_t ch = chans();
     size_t done = 0;
     while (done < frames) {
-        size_t avail = pending_.size() / ch - pendingPos_;
+        size_t avail = pendingFrames();
         if (containerLength_ >= 0 && knowPosition_) {
             const uint64_t at = nextSample_ - avail, end = static_cast<uint64_t>(containerLength_);
             if (at >= end) {
@@ -540,9 +574,10 @@ void FileStream::restartAt(uint64_t frame) {
 
 bool FileStream::seekSource(uint64_t frame, DWORD mode) {
     if (!dec_) return fail(BASS_ERROR_HANDLE);
-    const size_t avail = pending_.size() / chans() - pendingPos_;
-    const uint64_t current = nextSample_ - avail;
+    // A scan rewinds the decoder: what is pending is measured after it.
     if ((mode & BASS_POS_SCAN) && dec_->index.empty() && dec_->rawFrames()) scan();
+    const size_t avail = pendingFrames();
+    const uint64_t current = nextSample_ - avail;
     if ((mode & BASS_POS_DECODETO) && frame >= current && knowPosition_) {
         // Decode up to the target rather than seek.
         const uint64_t skip = std::min<uint64_t>(frame - current, avail);

@@ -46,6 +46,10 @@ class FileStream final : public Channel {
     bool decodeFrame();
     bool scan();
     void restartAt(uint64_t frame);
+    size_t pendingFrames() const {
+        const size_t have = pending_.size() / chans();
+        return have > pendingPos_ ? have - pendingPos_ : 0;
+    }
 
     std::unique_ptr<Decoder> dec_;
     std::vector<float> pending_; // decoded frames not yet handed out

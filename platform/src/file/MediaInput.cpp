@@ -30,7 +30,9 @@ std::unique_ptr<MediaInput> MediaInput::openFile(const char* path, QWORD offset,
 }
 
 std::unique_ptr<MediaInput> MediaInput::openMemory(const void* data, QWORD length) {
-    if (!data || length == 0) return failWith<std::unique_ptr<MediaInput>>(BASS_ERROR_ILLPARAM, nullptr);
+    if (!data) return failWith<std::unique_ptr<MediaInput>>(BASS_ERROR_ILLPARAM, nullptr);
+    // Empty input is no format, whether it comes from memory or from a file.
+    if (length == 0) return failWith<std::unique_ptr<MediaInput>>(BASS_ERROR_FILEFORM, nullptr);
     std::unique_ptr<MediaInput> in(new MediaInput());
     in->mem_ = static_cast<const uint8_t*>(data);
     in->size_ = static_cast<int64_t>(length);

@@ -26,7 +26,9 @@ HSTREAM BASS_FX_TempoCreate(DWORD chan, DWORD flags) {
     if (!src) return 0;
     if (!src->isDecoding()) return failWith<HSTREAM>(BASS_ERROR_DECODE, 0);
     if (src->chans() > kMaxTempoChannels) return failWith<HSTREAM>(BASS_ERROR_FORMAT, 0);
-    return succeedWith(Handles::add(TempoStage::create(std::move(src), flags)));
+    auto stage = TempoStage::create(std::move(src), flags);
+    if (!stage) return 0;
+    return succeedWith(Handles::add(stage));
 }
 
 DWORD BASS_FX_TempoGetSource(HSTREAM chan) {

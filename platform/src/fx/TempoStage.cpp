@@ -48,7 +48,14 @@ bool inRange(float v, float lo, float hi) {
 } // namespace
 
 std::shared_ptr<TempoStage> TempoStage::create(std::shared_ptr<Channel> source, DWORD flags) {
-    return std::shared_ptr<TempoStage>(new TempoStage(std::move(source), flags));
+    // SoundTouch reports what it cannot do by throwing; none of it may reach the caller.
+    try {
+        return std::shared_ptr<TempoStage>(new TempoStage(std::move(source), flags));
+    } catch (const std::bad_alloc&) {
+        return failWith<std::shared_ptr<TempoStage>>(BASS_ERROR_MEM, nullptr);
+    } catch (...) {
+        return failWith<std::shared_ptr<TempoStage>>(BASS_ERROR_FORMAT, nullptr);
+    }
 }
 
 TempoStage::TempoStage(std::shared_ptr<Channel> source, DWORD flags)
@@ -66,7 +73,10 @@ TempoStage::TempoStage(std::shared_ptr<Channel> source, DWORD flags)
         st_ = std::make_unique<soundtouch::SoundTouch>();
         TransposerBase::setAlgorithm(TransposerBase::CUBIC);
     }
-    st_->setSampleRate(freq());
+    // SoundTouch takes rates up to 192 kHz. Above that it is told 192 kHz:
+    // the rate only scales its analysis windows, which then span a shorter
+    // time (half at 384 kHz) and still work.
+    st_->setSampleRate(std::min<DWORD>(freq(), kMaxTempoRate));
     st_->setChannels(chans());
     tempoFreq_.store(static_cast<float>(freq()));
     aaFilter_.store(st_->getSetting(SETTING_USE_AA_FILTER));
@@ -132,6 +142,14 @@ float TempoStage::rateRatio() const {
 }
 
 bool TempoStage::setAttribute(DWORD attrib, float value) {
+    try {
+        return applyAttribute(attrib, value);
+    } catch (...) {
+        return fail(BASS_ERROR_ILLPARAM); // a setting SoundTouch refused
+    }
+}
+
+bool TempoStage::applyAttribute(DWORD attrib, float value) {
     if (attrib < BASS_ATTRIB_TEMPO || attrib > BASS_ATTRIB_TEMPO_OPTION_PREVENT_CLICK)
         return Stage::setAttribute(attrib, value);
     if (std::isnan(value)) return fail(BASS_ERROR_ILLPARAM);

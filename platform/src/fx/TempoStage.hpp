@@ -48,6 +48,9 @@ class TempoStage final : public Stage {
 
   private:
     TempoStage(std::shared_ptr<Channel> source, DWORD flags);
+    // The highest rate SoundTouch is told (its own limit).
+    static constexpr DWORD kMaxTempoRate = 192000;
+    bool applyAttribute(DWORD attrib, float value);
 
     enum class Mode {
         PassThrough, // neutral settings: the source's frames as they are

@@ -10,7 +10,7 @@ using namespace tavro::platform;
 
 namespace {
 // libopenmpt's documented range of mixing rates.
-constexpr DWORD kMinRate = 8000, kMaxRate = 192000;
+constexpr DWORD kMinMusicRate = 8000, kMaxMusicRate = 192000;
 } // namespace
 
 extern "C" {
@@ -21,8 +21,8 @@ HMUSIC BASS_MusicLoad(BOOL mem, const void* file, QWORD offset, DWORD length, DW
     // The device's rate by default; a device beyond libopenmpt's range gets
     // the nearest rate it renders, and the output resamples.
     if (freq == 0)
-        freq = std::clamp(dev->rate(), kMinRate, kMaxRate);
-    else if (freq < kMinRate || freq > kMaxRate)
+        freq = std::clamp(dev->rate(), kMinMusicRate, kMaxMusicRate);
+    else if (freq < kMinMusicRate || freq > kMaxMusicRate)
         return failWith<HMUSIC>(BASS_ERROR_FREQ, 0);
     std::shared_ptr<MusicChannel> music;
     if (mem) {

@@ -214,9 +214,14 @@ typedef struct {
  * found later than that are not reported). A seek starts the analysis
  * afresh; a change of tempo or direction does not. Live callbacks run on the platform's analysis thread,
  * never on the thread that renders the channel; one of each kind per channel
- * (setting again replaces). BASS_FX_BPM_Free / BASS_FX_BPM_BeatFree end them:
- * once they return (from any thread but that of the callback itself), the
- * callback is not called again; freeing the channel ends them too.
+ * (setting again replaces). They are called with no lock of the platform
+ * held: they may seek, edit or free channels and set or end reports.
+ * BASS_FX_BPM_Free / BASS_FX_BPM_BeatFree end them: once they return (from any
+ * thread but that of the callback itself), the callback is not called again.
+ * Freeing the channel ends them too, without waiting for a callback already
+ * running; a Free call on the freed handle (failing with BASS_ERROR_HANDLE)
+ * still waits for it. The Free calls must not be made from the channel's own
+ * DSP or mixtime syncs, which may hold up a running callback.
  */
 
 typedef void(BPMPROC)(DWORD chan, float bpm, void* user);

@@ -30,8 +30,8 @@ constexpr auto kPollInterval = std::chrono::milliseconds(5);
 // 0.6 periods after it was heard is no longer reported.
 constexpr double kLateBeatSeconds = 0.1;
 
-// True on the analysis thread, which holds the registry lock whenever it runs
-// a callback: stop() called from a callback must not take it again.
+// True on the analysis thread: stop() called from one of its callbacks must
+// not wait for the callback in flight (itself).
 thread_local bool tlsAnalysisThread = false;
 
 // Where one hop of analysed audio lies: on the timeline (frames; `rate`
@@ -127,7 +127,9 @@ struct Job {
     std::shared_ptr<DetectorEntry> entry;
     HDSP dsp = 0;
     HSYNC freeSync = 0;
-    bool removed = false;
+    // Set under the registry lock; read without it by the analysis thread
+    // between callbacks.
+    std::atomic<bool> removed{false};
 
     // Analysis thread only.
     std::unique_ptr<LiveTracker> tracker;
@@ -151,7 +153,6 @@ class Registry {
     bool start(DWORD handle, const LiveRequest& req) {
         auto ch = Handles::get<Channel>(handle);
         if (!ch || ch->isFreed()) return fail(BASS_ERROR_HANDLE);
-        stop(handle, req.kind, false);
 
         auto job = std::make_shared<Job>();
         job->channel = handle;
@@ -162,38 +163,43 @@ class Registry {
         const OnsetDetector& d = job->entry->detector;
         job->tracker = std::make_unique<LiveTracker>(d.frameRate(), d.latencySeconds(), kWindowSeconds);
         job->nextReport = periodHops(*job);
+        // The FREE sync goes on before the job is listed: a free from now on
+        // either finds the job listed or has marked the channel freed first.
         job->freeSync = ch->addSync(BASS_SYNC_FREE, 0, &Registry::onChannelFree, nullptr);
-        withLock([&] { jobs_.push_back(job); });
         job->dsp = ch->addDspEntry(job->entry);
-        if (!job->dsp) {
-            stop(handle, req.kind, false);
+        if (!job->freeSync || !job->dsp) {
+            detach(*job, *ch);
             return fail(BASS_ERROR_UNKNOWN);
         }
+        std::vector<std::shared_ptr<Job>> replaced;
+        bool freed = false;
+        {
+            std::unique_lock lock(mutex_);
+            take(lock, handle, req.kind, replaced);
+            freed = ch->isFreed();
+            if (!freed) jobs_.push_back(job);
+        }
+        for (const auto& old : replaced) detach(*old, *ch);
+        if (freed) return fail(BASS_ERROR_HANDLE);
         wake_.notify_one();
         ensureThread();
         return succeed();
     }
 
-    // Removes the job; waits for a callback in flight unless called from one.
+    // Removes the job; waits for a callback of it in flight unless called
+    // from one. Also waits on a freed handle (whose jobs the free removed but
+    // could not wait for), then reports it as not live.
     bool stop(DWORD handle, LiveKind kind, bool checkHandle) {
         auto ch = Handles::get<Channel>(handle);
-        if (checkHandle && (!ch || ch->isFreed())) return fail(BASS_ERROR_HANDLE);
-        std::shared_ptr<Job> job;
-        withLock([&] {
-            for (auto it = jobs_.begin(); it != jobs_.end(); ++it) {
-                if ((*it)->channel == handle && (*it)->request.kind == kind) {
-                    job = *it;
-                    job->removed = true;
-                    jobs_.erase(it);
-                    break;
-                }
-            }
-        });
-        // The channel's locks are taken only outside the registry lock.
-        if (job && ch && !ch->isFreed()) {
-            if (job->dsp) ch->removeDsp(job->dsp);
-            if (job->freeSync) ch->removeSync(job->freeSync);
+        std::vector<std::shared_ptr<Job>> gone;
+        {
+            std::unique_lock lock(mutex_);
+            take(lock, handle, kind, gone);
         }
+        if (checkHandle && (!ch || ch->isFreed())) return fail(BASS_ERROR_HANDLE);
+        // The channel's locks are taken only outside the registry lock.
+        if (ch)
+            for (const auto& job : gone) detach(*job, *ch);
         return succeed();
     }
 
@@ -205,32 +211,50 @@ class Registry {
         return hops >= 1 ? static_cast<uint64_t>(hops) : 1;
     }
 
-    // The registry lock, unless this is the analysis thread (which holds it
-    // whenever it can be running code of ours).
-    template <class F> void withLock(F&& f) {
-        if (tlsAnalysisThread) {
-            f();
-            return;
+    // Unlists the channel's job of that kind into `out` and waits (the lock
+    // released meanwhile) until no callback of such a job is in flight,
+    // unless this is the analysis thread: the only callback that can be in
+    // flight then is the caller's own.
+    void take(std::unique_lock<std::mutex>& lock, DWORD channel, LiveKind kind,
+              std::vector<std::shared_ptr<Job>>& out) {
+        for (auto it = jobs_.begin(); it != jobs_.end(); ++it) {
+            if ((*it)->channel == channel && (*it)->request.kind == kind) {
+                (*it)->removed.store(true);
+                out.push_back(*it);
+                jobs_.erase(it);
+                break;
+            }
         }
-        std::lock_guard lock(mutex_);
-        f();
+        if (tlsAnalysisThread) return;
+        idle_.wait(lock, [&] {
+            return !inFlight_ || inFlight_->channel != channel || inFlight_->request.kind != kind;
+        });
+    }
+
+    // Takes the job's entries off a live channel (its render lock; never
+    // called under the registry lock).
+    static void detach(const Job& job, Channel& ch) {
+        if (ch.isFreed()) return;
+        if (job.dsp) ch.removeDsp(job.dsp);
+        if (job.freeSync) ch.removeSync(job.freeSync);
     }
 
     // FREE sync: runs on the thread freeing the channel, holding its render
-    // lock; its DSP entries die with it. The analysis thread's snapshot keeps
-    // a job alive while it is being serviced.
+    // lock; its DSP entries die with it. It must not wait for a callback in
+    // flight, which may itself be waiting for that render lock (a seek, say):
+    // a callback already running may finish after the free returns, and the
+    // job stays alive for it through the analysis thread's snapshot.
     static void onChannelFree(HSYNC, DWORD channel, DWORD, void*) {
         Registry& r = instance();
-        r.withLock([&] {
-            for (auto it = r.jobs_.begin(); it != r.jobs_.end();) {
-                if ((*it)->channel == channel) {
-                    (*it)->removed = true;
-                    it = r.jobs_.erase(it);
-                } else {
-                    ++it;
-                }
+        std::lock_guard lock(r.mutex_);
+        for (auto it = r.jobs_.begin(); it != r.jobs_.end();) {
+            if ((*it)->channel == channel) {
+                (*it)->removed.store(true);
+                it = r.jobs_.erase(it);
+            } else {
+                ++it;
             }
-        });
+        }
     }
 
     void ensureThread() {
@@ -239,26 +263,39 @@ class Registry {
         });
     }
 
+    // Services each job with the registry lock released: callbacks run with
+    // no lock of ours held, so they may call anything, and stop() waits on
+    // `inFlight_` instead.
     void run() {
-        std::unique_lock lock(mutex_);
         tlsAnalysisThread = true;
         std::vector<std::shared_ptr<Job>> snapshot;
         for (;;) {
-            wake_.wait(lock, [this] { return !jobs_.empty(); });
-            snapshot = jobs_;
-            for (const auto& job : snapshot)
-                if (!job->removed) service(*job);
+            {
+                std::unique_lock lock(mutex_);
+                wake_.wait(lock, [this] { return !jobs_.empty(); });
+                snapshot = jobs_;
+            }
+            for (const auto& job : snapshot) {
+                {
+                    std::lock_guard lock(mutex_);
+                    if (job->removed.load()) continue;
+                    inFlight_ = job.get();
+                }
+                service(*job);
+                {
+                    std::lock_guard lock(mutex_);
+                    inFlight_ = nullptr;
+                }
+                idle_.notify_all();
+            }
             snapshot.clear();
-            lock.unlock();
             std::this_thread::sleep_for(kPollInterval);
-            lock.lock();
         }
     }
 
-    // Called with the registry lock held, so stop() waits for it. Envelope
-    // that piled up (a decoding channel read faster than real time) is taken
-    // a quarter of a second at a time, so that no beat falls out of the
-    // tracker's window before it has been asked for.
+    // Envelope that piled up (a decoding channel read faster than real time)
+    // is taken a quarter of a second at a time, so that no beat falls out of
+    // the tracker's window before it has been asked for.
     void service(Job& job) {
         auto ch = job.ch.lock();
         if (!ch || ch->isFreed()) return;
@@ -309,7 +346,7 @@ class Registry {
             if (hops < job.nextReport) return;
             job.nextReport = hops + periodHops(job);
             const double bpm = job.tracker->tempo(req.minBpm, req.maxBpm);
-            if (bpm > 0) req.tempoProc(job.channel, static_cast<float>(bpm), req.user);
+            if (bpm > 0 && !job.removed) req.tempoProc(job.channel, static_cast<float>(bpm), req.user);
             return;
         }
         job.beats.clear();
@@ -367,8 +404,10 @@ class Registry {
     }
 
     std::mutex mutex_;
-    std::condition_variable wake_;
+    std::condition_variable wake_;  // jobs listed
+    std::condition_variable idle_;  // inFlight_ cleared
     std::vector<std::shared_ptr<Job>> jobs_;
+    const Job* inFlight_ = nullptr; // the job being serviced (registry lock)
     std::once_flag threadOnce_;
 };
 

@@ -10,12 +10,14 @@
 // frame it was rendered into is heard.
 //
 // Threading: start() and stop() on application threads (stop also from inside
-// the job's own callback). Callbacks run only on the analysis thread, under
-// the registry lock; stop() takes that lock, so once it returns no callback of
-// the job runs or will run. Freeing the channel stops its jobs the same way
-// (through a FREE sync). The registry lock is never held while taking a
-// channel's render lock, so a channel freed by another thread cannot
-// deadlock with the analysis thread.
+// the job's own callback). Callbacks run only on the analysis thread, with no
+// lock of the platform held, so they may seek, edit or free channels. stop()
+// waits for a callback of the job in flight (unless called from a callback),
+// so once it returns no callback of the job runs or will run. Freeing the
+// channel unlists its jobs (through a FREE sync) without waiting, since the
+// free holds the channel's render lock that a callback may be waiting for; a
+// later stop() on the freed handle waits for a callback still running. The
+// registry lock is never held while taking a channel's lock or calling out.
 #pragma once
 
 #include "bass_fx.h"
@@ -40,6 +42,8 @@ struct LiveRequest {
 bool startLive(DWORD channel, const LiveRequest& request);
 // Ends the channel's job of that kind. False (BASS_ERROR_HANDLE) for a handle
 // that is not a live channel; true otherwise, also when no job was running.
+// Not to be called from the channel's own DSP or mixtime syncs (it may wait
+// for a callback that waits for the channel).
 bool stopLive(DWORD channel, LiveKind kind);
 
 } // namespace tavro::platform::bpm

@@ -208,3 +208,21 @@ TEST_F(TavroStreamTest, EndAndPositionSyncsArriveOnTheMainQueue) {
     s->free();
     EXPECT_EQ(TavroSync::addSyncOnStream(s, 1, 0, nullptr), 0u);
 }
+
+// Freeing a stream drops its registrations, after its FREE syncs have fired.
+TEST_F(TavroStreamTest, FreedStreamsLeaveNoSyncsBehind) {
+    const size_t syncs = TavroSync::registeredCount(), channels = TavroSync::watchedChannelCount();
+    std::atomic<int> freed{0};
+    for (int i = 0; i < 200; ++i) {
+        auto s = TavroStream::streamWithSource(source(), TavroSourceFlagFloat | TavroSourceFlagDecode);
+        ASSERT_TRUE(s);
+        ASSERT_NE(TavroSync::addEndSyncOnStream(s, [] {}), 0u);
+        const uint64_t pos = TavroSync::addPositionSyncOnStream(s, 1.0, [] {});
+        TavroSync::addSyncOnStream(s, TavroSyncKindFree, 0, [&](std::shared_ptr<TavroStream>, uint64_t) { ++freed; });
+        if (i % 3 == 0) TavroSync::removeSync(pos, s);
+        if (i % 2) s->free(); // else the last reference goes and frees it
+    }
+    EXPECT_EQ(freed.load(), 200);
+    EXPECT_EQ(TavroSync::registeredCount(), syncs);
+    EXPECT_EQ(TavroSync::watchedChannelCount(), channels);
+}

@@ -1,11 +1,15 @@
 // Callbacks on a stream's platform events (end, position, metadata, ...).
 //
-// Threading: add and remove from any thread except from inside work running on
-// the sync registry's queue; they block briefly while the registry is updated.
+// Threading: add and remove from any thread, also from inside a callback.
 // Callbacks of addSyncOnStream run on platform threads: end and free on the
-// mixing thread (return quickly, never block), the rest on the sync thread.
-// Callbacks of addEndSyncOnStream and addPositionSyncOnStream run on the main
-// queue, after the event; the stream may be gone by then.
+// mixing thread or the freeing thread (return quickly, never block), the rest
+// on the sync thread. Callbacks of addEndSyncOnStream and
+// addPositionSyncOnStream run on the main queue, after the event; the stream
+// may be gone by then.
+//
+// Lifetime: a registration lives until removeSync or until the stream's
+// channel is freed (a FREE sync, after it has fired), whichever comes first; a
+// callback already running keeps its registration until it returns.
 #pragma once
 
 #include <tavro/stream/TavroStream.hpp>
@@ -26,7 +30,7 @@ constexpr TavroSyncKind TavroSyncKindFree = 7;
 
 using TavroSyncBlock = std::function<void(std::shared_ptr<TavroStream> stream, uint64_t data)>;
 
-// One registered sync; the registry owns it until removeSync.
+// One registered sync.
 struct TavroSyncRegistration {
     std::weak_ptr<TavroStream> stream;
     TavroSyncBlock block;
@@ -43,8 +47,9 @@ class TavroSync {
     static uint64_t addPositionSyncOnStream(const std::shared_ptr<TavroStream>& stream, double seconds,
                                             std::function<void()> block);
     static void removeSync(uint64_t sync, const std::shared_ptr<TavroStream>& stream);
-    // Registered syncs, for tests and diagnostics.
+    // Registered syncs, and channels carrying them, for tests and diagnostics.
     static size_t registeredCount();
+    static size_t watchedChannelCount();
 
     static void TavroSyncProc(uint32_t handle, uint32_t channel, uint32_t data, void* user);
 };

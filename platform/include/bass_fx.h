@@ -197,10 +197,12 @@ typedef struct {
  * channel is moved to startSec and decoded up to endSec (or its end), on the
  * calling thread. The decoded frames
  * are consumed: afterwards the channel's position is where the analysis
- * stopped. BASS_FX_BPM_DecodeGet returns the tempo, 0 when nothing periodic
- * was found, or -1 on failure. BASS_FX_BPM_BeatDecodeGet calls `proc` once per
- * beat, in order, during the call, with the beat's position in seconds on the
- * channel's timeline (searching 60..180 BPM).
+ * stopped. startSec must be at least 0 and endSec above it, else the call
+ * fails with BASS_ERROR_ILLPARAM. BASS_FX_BPM_DecodeGet returns the tempo, 0
+ * when nothing periodic was found, or -1 on failure. BASS_FX_BPM_BeatDecodeGet
+ * returns FALSE on failure; else it calls `proc` once per beat, in order,
+ * during the call, with the beat's position in seconds on the channel's
+ * timeline (searching 60..180 BPM).
  *
  * Live (playing or decoding channel): from the next block the channel
  * renders, its output is analysed (after all its effects and DSP). Every

@@ -48,6 +48,7 @@ void TavroBPM::detectBPMForFileURL(const TavroURL& url, double startSeconds, dou
             const uint32_t h = stream->handle();
             bpm = BASS_FX_BPM_DecodeGet(h, startSeconds, endOf(*stream, endSeconds), rangeWordForMinBPM(minBPM, maxBPM),
                                         0, nullptr, nullptr);
+            if (bpm < 0) bpm = 0; // refused: the platform's -1 is no tempo here
             BASS_FX_BPM_Free(h);
             stream->free();
         }
@@ -78,38 +79,46 @@ bool TavroBPM::startLiveBPMWithPeriod(double period, uint64_t minBPM, uint64_t m
     const uint32_t h = handle();
     if (h == 0) return false;
     stopLiveBPM();
-    liveBPMBlock_ = std::move(block);
+    setLiveBPMBlock(std::move(block));
     const bool ok = BASS_FX_BPM_CallbackSet(h, &TavroLiveBPMProc, period, rangeWordForMinBPM(minBPM, maxBPM), 0, this);
     liveBPMRunning_ = ok;
-    if (!ok) liveBPMBlock_ = nullptr;
+    if (ok) {
+        liveBPMChannel_ = h;
+        livePeriod_ = period;
+        liveMinBPM_ = minBPM;
+        liveMaxBPM_ = maxBPM;
+    } else {
+        setLiveBPMBlock(nullptr);
+    }
     return ok;
 }
 
+// Freeing by the recorded handle also waits for a report in flight when the
+// channel has been freed meanwhile (the call then fails, harmlessly).
 void TavroBPM::stopLiveBPM() {
-    if (liveBPMRunning_) {
-        if (const uint32_t h = handle()) BASS_FX_BPM_Free(h);
-    }
+    if (liveBPMChannel_) BASS_FX_BPM_Free(liveBPMChannel_);
+    liveBPMChannel_ = 0;
     liveBPMRunning_ = false;
-    liveBPMBlock_ = nullptr;
+    setLiveBPMBlock(nullptr);
 }
 
 bool TavroBPM::startBeatDetectionWithBlock(std::function<void(double)> block) {
     const uint32_t h = handle();
     if (h == 0) return false;
     stopBeatDetection();
-    beatBlock_ = std::move(block);
+    setBeatBlock(std::move(block));
     const bool ok = BASS_FX_BPM_BeatCallbackSet(h, &TavroLiveBeatProc, this);
     beatDetectionRunning_ = ok;
-    if (!ok) beatBlock_ = nullptr;
+    if (ok) beatChannel_ = h;
+    else setBeatBlock(nullptr);
     return ok;
 }
 
 void TavroBPM::stopBeatDetection() {
-    if (beatDetectionRunning_) {
-        if (const uint32_t h = handle()) BASS_FX_BPM_BeatFree(h);
-    }
+    if (beatChannel_) BASS_FX_BPM_BeatFree(beatChannel_);
+    beatChannel_ = 0;
     beatDetectionRunning_ = false;
-    beatBlock_ = nullptr;
+    setBeatBlock(nullptr);
 }
 
 void TavroBPM::stopAll() {
@@ -117,17 +126,50 @@ void TavroBPM::stopAll() {
     stopBeatDetection();
 }
 
-// The callbacks are read on the platform's analysis thread while the main
-// thread may replace them; the platform's registration lock orders the two
-// (a replacement first unregisters, which waits for a report in flight).
+void TavroBPM::setStream(std::weak_ptr<TavroStream> stream) {
+    if (!stream_.owner_before(stream) && !stream.owner_before(stream_)) return; // the same stream
+    const bool tempo = liveBPMChannel_ != 0, beats = beatChannel_ != 0;
+    std::function<void(float)> tempoBlock;
+    std::function<void(double)> beatBlock;
+    {
+        std::lock_guard lock(blockMutex_);
+        tempoBlock = liveBPMBlock_;
+        beatBlock = beatBlock_;
+    }
+    stopAll();
+    stream_ = std::move(stream);
+    if (tempo) startLiveBPMWithPeriod(livePeriod_, liveMinBPM_, liveMaxBPM_, std::move(tempoBlock));
+    if (beats) startBeatDetectionWithBlock(std::move(beatBlock));
+}
+
+void TavroBPM::setLiveBPMBlock(std::function<void(float)> block) {
+    std::lock_guard lock(blockMutex_);
+    liveBPMBlock_.swap(block);
+    // The old block is destroyed after the lock is released.
+}
+
+void TavroBPM::setBeatBlock(std::function<void(double)> block) {
+    std::lock_guard lock(blockMutex_);
+    beatBlock_.swap(block);
+}
+
+// On the platform's analysis thread.
 void TavroBPM::deliverLiveBPM(float bpm) {
-    auto block = liveBPMBlock_;
+    std::function<void(float)> block;
+    {
+        std::lock_guard lock(blockMutex_);
+        block = liveBPMBlock_;
+    }
     if (!block) return;
     TavroMainQueue::async([block = std::move(block), bpm] { block(bpm); });
 }
 
 void TavroBPM::deliverBeatAt(double seconds) {
-    auto block = beatBlock_;
+    std::function<void(double)> block;
+    {
+        std::lock_guard lock(blockMutex_);
+        block = beatBlock_;
+    }
     if (!block) return;
     TavroMainQueue::async([block = std::move(block), seconds] { block(seconds); });
 }

@@ -13,6 +13,8 @@
 #include <bass_fx.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 using namespace tavro::test;
 using namespace std::chrono_literals;
@@ -96,12 +98,16 @@ TEST_F(TavroBPMTest, OfflineTempoAndBeatsArriveOnTheMainQueue) {
     EXPECT_GE(scoreBeats(track_->beats, part, 10.5, 19.5).hit, 0.95);
 }
 
-TEST_F(TavroBPMTest, MissingFileGivesZeroAndNoBeats) {
-    float bpm = -1;
-    bool beatsDone = false;
+TEST_F(TavroBPMTest, MissingFileOrEmptyRangeGivesZeroAndNoBeats) {
+    float bpm = -1, reversed = -1;
+    bool beatsDone = false, reversedDone = false;
     std::vector<double> beats{1.0};
     const TavroURL missing = TavroURL::fileURLWithPath("/nonexistent/track.wav");
     TavroBPM::detectBPMForFileURL(missing, 0, 0, 0, 0, [&](float v) { bpm = v; });
+    TavroBPM::detectBPMForFileURL(url(), 20, 10, 0, 0, [&](float v) {
+        reversed = v;
+        reversedDone = true;
+    });
     TavroBPM::detectBeatsForFileURL(missing, 0, 0, [&](const std::vector<double>& v) {
         beats = v;
         beatsDone = true;
@@ -109,8 +115,9 @@ TEST_F(TavroBPMTest, MissingFileGivesZeroAndNoBeats) {
     // Absent completions: the work still runs and nothing is called.
     TavroBPM::detectBPMForFileURL(url(), 0, 5, 0, 0, nullptr);
     TavroBPM::detectBeatsForFileURL(url(), 0, 5, nullptr);
-    ASSERT_TRUE(TavroMainQueue::runUntil([&] { return bpm >= 0 && beatsDone; }, 10s));
+    ASSERT_TRUE(TavroMainQueue::runUntil([&] { return bpm >= 0 && reversedDone && beatsDone; }, 10s));
     EXPECT_EQ(bpm, 0.0f);
+    EXPECT_EQ(reversed, 0.0f);
     EXPECT_TRUE(beats.empty());
     TavroMainQueue::runFor(300ms);
 }
@@ -164,6 +171,39 @@ TEST_F(TavroBPMTest, LiveBeatsOfAPlayingStreamArriveAsTheyAreHeard) {
     EXPECT_GE(scoreBeats(track_->beats, times, 4.5, times.back()).hit, 0.9);
 }
 
+// A stream playing on (here: pulled by a thread) keeps rendering after the
+// reports move off it and after the object is gone: no report may reach the
+// destroyed object (the sanitizers watch).
+TEST_F(TavroBPMTest, SetStreamMovesLiveReportsOffTheOldChannel) {
+    auto first = open(TavroSourceFlagDecode), second = open(TavroSourceFlagDecode);
+    const uint32_t handles[] = {first->handle(), second->handle()};
+    std::atomic<bool> done{false};
+    std::thread puller([&] {
+        std::vector<float> buf(1024 * 2);
+        while (!done.load()) {
+            for (uint32_t h : handles)
+                if (BASS_ChannelGetData(h, buf.data(), 1024 * 8 | BASS_DATA_FLOAT) == 0xFFFFFFFF)
+                    BASS_ChannelSetPosition(h, 0, BASS_POS_BYTE);
+            std::this_thread::sleep_for(2ms);
+        }
+    });
+    auto bpm = TavroBPM::initWithStream(first);
+    int tempos = 0, beats = 0;
+    ASSERT_TRUE(bpm->startLiveBPMWithPeriod(0.1, 0, 0, [&](float) { ++tempos; }));
+    ASSERT_TRUE(bpm->startBeatDetectionWithBlock([&](double) { ++beats; }));
+    EXPECT_TRUE(TavroMainQueue::runUntil([&] { return tempos > 0 && beats > 0; }, 10s));
+    bpm->setStream(second);
+    EXPECT_TRUE(bpm->liveBPMRunning());
+    EXPECT_TRUE(bpm->beatDetectionRunning());
+    TavroMainQueue::runFor(50ms); // reports posted before the move
+    tempos = beats = 0;
+    EXPECT_TRUE(TavroMainQueue::runUntil([&] { return tempos > 0 && beats > 0; }, 10s));
+    bpm.reset();
+    TavroMainQueue::runFor(500ms);
+    done.store(true);
+    puller.join();
+}
+
 TEST_F(TavroBPMTest, RestartingReplacesTheCallbackAndStoppingClearsIt) {
     auto stream = open(TavroSourceFlagDecode);
     auto bpm = TavroBPM::initWithStream(stream);
@@ -198,7 +238,13 @@ TEST_F(TavroBPMTest, PlatformRefusesBadRequests) {
     const uint32_t h = stream->handle();
     EXPECT_EQ(BASS_FX_BPM_DecodeGet(h, 0, 10, (140u << 16) | 4464u, 0, nullptr, nullptr), -1.0f);
     EXPECT_EQ(BASS_ErrorGetCode(), BASS_ERROR_ILLPARAM);
-    EXPECT_EQ(BASS_FX_BPM_DecodeGet(h, 5, 5, (180u << 16) | 60u, 0, nullptr, nullptr), -1.0f);
+    for (double start : {5.0, 6.0}) { // an empty or reversed range
+        ASSERT_NE(BASS_ChannelGetPosition(h, BASS_POS_BYTE), static_cast<QWORD>(-1)); // error code OK
+        EXPECT_EQ(BASS_FX_BPM_DecodeGet(h, start, 5, (180u << 16) | 60u, 0, nullptr, nullptr), -1.0f);
+        EXPECT_EQ(BASS_ErrorGetCode(), BASS_ERROR_ILLPARAM);
+        EXPECT_FALSE(BASS_FX_BPM_BeatDecodeGet(h, start, 5, 0, &TavroBeatCollectProc, nullptr));
+        EXPECT_EQ(BASS_ErrorGetCode(), BASS_ERROR_ILLPARAM);
+    }
     EXPECT_EQ(BASS_FX_BPM_DecodeGet(0, 0, 5, (180u << 16) | 60u, 0, nullptr, nullptr), -1.0f);
     EXPECT_EQ(BASS_ErrorGetCode(), BASS_ERROR_HANDLE);
     EXPECT_FALSE(BASS_FX_BPM_CallbackSet(h, nullptr, 1.0, (180u << 16) | 60u, 0, nullptr));

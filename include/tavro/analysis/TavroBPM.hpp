@@ -8,7 +8,8 @@
 // platform's analysis thread and are handed to the main queue, one task per
 // report, so the callbacks always run on the main thread. A report posted
 // just before a stop may still reach the callback that was current when it
-// was posted.
+// was posted. Live reports stay with the channel they were started on until
+// stopped, the object is destroyed, or setStream moves them to another stream.
 #pragma once
 
 #include <tavro/TavroURL.hpp>
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 class TavroBPM {
@@ -29,7 +31,8 @@ class TavroBPM {
     // A decoding float stream of a file, or null.
     static std::shared_ptr<TavroStream> decodeStreamForURL(const TavroURL& url);
     // Tempo of [startSeconds, endSeconds] (endSeconds <= 0: to the end),
-    // searched in minBPM..maxBPM (0 = 60 and 180); 0 when the file cannot be read.
+    // searched in minBPM..maxBPM (0 = 60 and 180); 0 when the file cannot be
+    // read or the request is refused (an empty range, a bad BPM range).
     static void detectBPMForFileURL(const TavroURL& url, double startSeconds, double endSeconds, uint64_t minBPM,
                                     uint64_t maxBPM, std::function<void(float)> completion);
     // Beat times in seconds, in the order found; empty when the file cannot be read.
@@ -39,15 +42,18 @@ class TavroBPM {
     static uint32_t rangeWordForMinBPM(uint64_t minBPM, uint64_t maxBPM);
 
     std::weak_ptr<TavroStream> stream() const { return stream_; }
-    void setStream(std::weak_ptr<TavroStream> stream) { stream_ = std::move(stream); }
+    // Running live reports move along: stopped on the old stream's channel
+    // (waiting for a report in flight) and started on the new one with the
+    // same settings; those that cannot start there end.
+    void setStream(std::weak_ptr<TavroStream> stream);
     bool liveBPMRunning() const { return liveBPMRunning_; }
     void setLiveBPMRunning(bool v) { liveBPMRunning_ = v; }
     bool beatDetectionRunning() const { return beatDetectionRunning_; }
     void setBeatDetectionRunning(bool v) { beatDetectionRunning_ = v; }
     const std::function<void(float)>& liveBPMBlock() const { return liveBPMBlock_; }
-    void setLiveBPMBlock(std::function<void(float)> block) { liveBPMBlock_ = std::move(block); }
+    void setLiveBPMBlock(std::function<void(float)> block);
     const std::function<void(double)>& beatBlock() const { return beatBlock_; }
-    void setBeatBlock(std::function<void(double)> block) { beatBlock_ = std::move(block); }
+    void setBeatBlock(std::function<void(double)> block);
 
     bool startLiveBPMWithPeriod(double period, uint64_t minBPM, uint64_t maxBPM, std::function<void(float)> block);
     void stopLiveBPM();
@@ -66,6 +72,14 @@ class TavroBPM {
     std::weak_ptr<TavroStream> stream_;
     bool liveBPMRunning_ = false;
     bool beatDetectionRunning_ = false;
+    // The channels the platform's callbacks were set on (0: none), stopped
+    // by handle so that a stream replaced or gone leaves nothing behind.
+    uint32_t liveBPMChannel_ = 0;
+    uint32_t beatChannel_ = 0;
+    double livePeriod_ = 0;
+    uint64_t liveMinBPM_ = 0, liveMaxBPM_ = 0;
+    // Written on the owning thread, read on the analysis thread (blockMutex_).
+    mutable std::mutex blockMutex_;
     std::function<void(float)> liveBPMBlock_;
     std::function<void(double)> beatBlock_;
 };

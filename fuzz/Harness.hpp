@@ -56,10 +56,10 @@ struct Handle {
 
 inline volatile uint32_t sink;
 
+// Reads n bytes at p (a copy: the sanitizer checks the whole range at once).
 inline void touch(const char* p, size_t n) {
-    uint32_t sum = 0;
-    for (size_t i = 0; i < n; ++i) sum = sum * 31 + static_cast<uint8_t>(p[i]);
-    sink = sink + sum;
+    const std::string copy(p, n);
+    sink = sink + static_cast<uint32_t>(copy.size()) + (n ? static_cast<uint8_t>(copy[n / 2]) : 0u);
 }
 
 // NUL-terminated strings, ended by an empty one.
@@ -122,7 +122,6 @@ inline uint64_t drain(DWORD h, uint64_t maxFrames, DWORD block = 1 << 14, bool a
             std::fprintf(stderr, "fuzz: read of %u bytes returned %u (frame size %u)\n", block, got, bpf);
             std::abort();
         }
-        touch(reinterpret_cast<const char*>(buf.get()), got);
         frames += got / bpf;
     }
     return frames;

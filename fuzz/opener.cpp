@@ -12,7 +12,7 @@ using namespace tavro::fuzz;
 
 namespace {
 
-constexpr uint64_t kMaxFrames = 1 << 17; // per pass: about 3 s at 44.1 kHz
+constexpr uint64_t kMaxFrames = 1 << 16; // per pass: about 1.5 s at 44.1 kHz
 constexpr uint64_t kAfterSeek = 2048;
 
 DWORD open(const uint8_t* data, size_t size, DWORD flags) {
@@ -83,8 +83,9 @@ void stages(const uint8_t* data, size_t size) {
             BASS_ChannelFree(src);
         } else {
             BASS_ChannelSetAttribute(tempo.h, BASS_ATTRIB_TEMPO, 30);
-            BASS_ChannelSetAttribute(tempo.h, BASS_ATTRIB_TEMPO_PITCH, -3);
-            drain(tempo.h, kMaxFrames / 4);
+            // The rate transposer (and its anti-alias filter) is the slow part: half the inputs.
+            if (size & 1) BASS_ChannelSetAttribute(tempo.h, BASS_ATTRIB_TEMPO_PITCH, -3);
+            drain(tempo.h, kMaxFrames / 16);
             BASS_ChannelSetPosition(tempo.h, 0, BASS_POS_BYTE);
             drain(tempo.h, kAfterSeek);
         }
@@ -92,7 +93,7 @@ void stages(const uint8_t* data, size_t size) {
     if (DWORD src = open(data, size, 0)) {
         Handle reverse(BASS_FX_ReverseCreate(src, 0.25f, BASS_STREAM_DECODE | BASS_FX_FREESOURCE));
         if (!reverse) BASS_ChannelFree(src);
-        else drain(reverse.h, kMaxFrames / 4);
+        else drain(reverse.h, kMaxFrames / 8);
     }
 }
 

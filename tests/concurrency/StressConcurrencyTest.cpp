@@ -1,7 +1,7 @@
 // Four threads doing everything to a shared pool of channels at once: tone
-// and file streams created, played on the no-sound device or decoded, moved,
-// retuned, given DSPs, effects, syncs and tempo reports, read and freed, each
-// thread picking any handle, live or dead. Nothing may crash, hang or race
+// and file streams and tempo stages over them created, played on the
+// no-sound device or decoded, moved, retuned, given DSPs, effects, syncs and
+// tempo reports, read and freed, each thread picking any handle, live or dead. Nothing may crash, hang or race
 // (scripts/test runs it under ThreadSanitizer); a dead handle only fails with
 // BASS_ERROR_HANDLE. TAVRO_STRESS_SECONDS shortens the 20 s run.
 #include "MediaFixtures.hpp"
@@ -87,14 +87,24 @@ class ConcurrencyStressTest : public NoSoundTest {
             const DWORD h = slot.load();
             switch (pick(12)) {
             case 0: { // create, replacing (and freeing) what the slot held
+                // A quarter become tempo stages, their sources pooled as well:
+                // the stage takes its source's lock inside its own.
+                const bool staged = pick(4) == 0;
                 const DWORD flags = BASS_SAMPLE_FLOAT | (pick(2) ? BASS_STREAM_DECODE : 0) |
                                     (pick(4) == 0 ? BASS_STREAM_AUTOFREE : 0);
+                const DWORD own = staged ? BASS_SAMPLE_FLOAT | BASS_STREAM_DECODE : flags;
                 DWORD made = 0;
                 if (pick(6)) { // file streams take much longer to open
                     Tone* t = newTone(pick(400) + 200, 22050 * (1 + pick(4)));
-                    made = BASS_StreamCreate(44100, 2, flags, &toneProc, t);
+                    made = BASS_StreamCreate(44100, 2, own, &toneProc, t);
                 } else {
-                    made = BASS_StreamCreateFile(FALSE, path_.c_str(), 0, 0, flags);
+                    made = BASS_StreamCreateFile(FALSE, path_.c_str(), 0, 0, own);
+                }
+                if (made && staged) {
+                    const DWORD stage = BASS_FX_TempoCreate(made, (flags & ~BASS_SAMPLE_FLOAT) | BASS_FX_FREESOURCE);
+                    if (stage) freeAndCheck(pool_[static_cast<size_t>(pick(kPool))].exchange(made));
+                    else BASS_ChannelFree(made);
+                    made = stage;
                 }
                 if (!made) {
                     fail("create", BASS_ErrorGetCode());
@@ -122,8 +132,10 @@ class ConcurrencyStressTest : public NoSoundTest {
                 break;
             }
             case 4: {
-                const DWORD attrib = std::array<DWORD, 3>{BASS_ATTRIB_VOL, BASS_ATTRIB_PAN, BASS_ATTRIB_FREQ}[pick(3)];
-                const float value = attrib == BASS_ATTRIB_FREQ ? 11025.0f + pick(80000) : pick(200) / 100.0f - 1.0f;
+                const DWORD attrib =
+                    std::array<DWORD, 4>{BASS_ATTRIB_VOL, BASS_ATTRIB_PAN, BASS_ATTRIB_FREQ, BASS_ATTRIB_TEMPO}[pick(4)];
+                float value = attrib == BASS_ATTRIB_FREQ ? 11025.0f + pick(80000) : pick(200) / 100.0f - 1.0f;
+                if (attrib == BASS_ATTRIB_TEMPO) value = pick(200) - 50.0f;
                 if (pick(2)) BASS_ChannelSetAttribute(h, attrib, attrib == BASS_ATTRIB_VOL ? std::fabs(value) : value);
                 else BASS_ChannelSlideAttribute(h, attrib, attrib == BASS_ATTRIB_VOL ? std::fabs(value) : value, pick(60));
                 float got;

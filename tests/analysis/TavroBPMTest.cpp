@@ -137,7 +137,8 @@ TEST_F(TavroBPMTest, LiveReportsOfADecodingStream) {
         std::this_thread::sleep_for(15ms); // let the analysis thread keep pace
         TavroMainQueue::drain();
     }
-    TavroMainQueue::runFor(200ms);
+    // The analysis thread may lag on a loaded machine: the envelope waits in its queue.
+    TavroMainQueue::runUntil([&] { return tempos.size() >= 20; }, 10s);
     ASSERT_GE(tempos.size(), 20u);
     for (size_t i = 5; i < tempos.size(); ++i) EXPECT_NEAR(tempos[i], 128.0, 1.0) << i;
     EXPECT_TRUE(std::is_sorted(beats.begin(), beats.end()));

@@ -63,7 +63,7 @@ TEST_F(ConcurrencyTest, ChainsSyncsAndAttributesChangeWhilePlaying) {
     seeker.join();
     EXPECT_GT(dspCalls.load(), 0);
     EXPECT_TRUE(BASS_StreamFree(h));
-    BASS_SetConfig(BASS_CONFIG_BUFFER, 500);
+    BASS_SetConfig(BASS_CONFIG_BUFFER, 40);
 }
 
 TEST_F(ConcurrencyTest, PushedDataFromSeveralThreadsIsNeitherLostNorTorn) {

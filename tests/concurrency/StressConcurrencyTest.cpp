@@ -261,7 +261,7 @@ TEST_F(ConcurrencyStressTest, SharedChannelsUnderEveryOperation) {
     EXPECT_EQ(failures_.load(), 0);
     EXPECT_GT(dspCalls.load(), 0);
     EXPECT_GT(syncCalls.load(), 0);
-    BASS_SetConfig(BASS_CONFIG_BUFFER, 500);
+    BASS_SetConfig(BASS_CONFIG_BUFFER, 40);
 }
 
 } // namespace

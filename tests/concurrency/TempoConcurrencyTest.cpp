@@ -74,5 +74,5 @@ TEST_F(ConcurrencyTempoTest, SettingsChangeWhileTheStreamPlays) {
     EXPECT_EQ(watch.bad.load(), 0);
     EXPECT_EQ(BASS_ChannelIsActive(t), static_cast<DWORD>(BASS_ACTIVE_PLAYING));
     EXPECT_TRUE(BASS_StreamFree(t));
-    BASS_SetConfig(BASS_CONFIG_BUFFER, 500);
+    BASS_SetConfig(BASS_CONFIG_BUFFER, 40);
 }

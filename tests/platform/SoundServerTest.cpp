@@ -176,3 +176,150 @@ TEST_F(SoundServerTest, DeviceChangesAreNotified) {
     EXPECT_STREQ(info.driver, "tavro_second");
     BASS_SetConfigPtr(BASS_CONFIG_DEV_NOTIFY, nullptr);
 }
+
+namespace {
+
+// Runs of signal in a recording, split where it is silent for `gap` frames or
+// more: [first, last] frame pairs.
+std::vector<std::pair<size_t, size_t>> signalRuns(const std::vector<float>& rec, size_t gap) {
+    std::vector<std::pair<size_t, size_t>> runs;
+    const size_t n = rec.size() / 2;
+    size_t quiet = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (std::fabs(rec[2 * i]) > 0.01f || std::fabs(rec[2 * i + 1]) > 0.01f) {
+            if (runs.empty() || quiet >= gap) runs.push_back({i, i});
+            runs.back().second = i;
+            quiet = 0;
+        } else {
+            ++quiet;
+        }
+    }
+    return runs;
+}
+
+// Two processes that keep both cores busy for the test's duration.
+struct CpuBurners {
+    CpuBurners() { std::system("for i in 1 2; do timeout 12 sh -c 'while :; do :; done' & done"); }
+    ~CpuBurners() { std::system("pkill -f \"while :; do :; done\""); }
+};
+
+std::atomic<int> gEnds{0};
+double gEndAt[8];
+
+} // namespace
+
+// The end report (a mixtime sync) comes at most 100 ms before the last frame
+// is heard, with both cores busy and no underrun; replaying from the report,
+// by play alone or by a seek and play, plays the whole tail and then the
+// track again.
+TEST_F(SoundServerTest, EndReportComesJustBeforeTheHeardEndAndReplaysKeepTheTail) {
+    const int device = ownSink();
+    ASSERT_GT(device, 0);
+    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
+    char dir[] = "/tmp/tavro-end.XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    const std::string wav = std::string(dir) + "/tone.wav";
+    {
+        const auto tone = sine(440, 48000, 96000, 2, 0.5f);
+        std::FILE* f = std::fopen(wav.c_str(), "wb");
+        const uint32_t bytes = static_cast<uint32_t>(tone.size() * 4);
+        const uint32_t hdr[] = {0x46464952, 36 + bytes, 0x45564157, 0x20746d66, 16, 0x00020003, 48000, 48000 * 8, 0x00200008, 0x61746164, bytes};
+        std::fwrite(hdr, 4, 11, f);
+        std::fwrite(tone.data(), 4, tone.size(), f);
+        std::fclose(f);
+    }
+    HSTREAM h = BASS_StreamCreateFile(FALSE, wav.c_str(), 0, 0, BASS_SAMPLE_FLOAT);
+    ASSERT_NE(h, 0u);
+    gEnds = 0;
+    ASSERT_NE(BASS_ChannelSetSync(h, BASS_SYNC_END | BASS_SYNC_MIXTIME, 0,
+                                  [](HSYNC, DWORD, DWORD, void*) { gEndAt[gEnds.fetch_add(1) & 7] = TimedRecorder::now(); },
+                                  nullptr),
+              0u);
+    CpuBurners burners;
+    TimedRecorder rec(7.0, monitor());
+    ASSERT_TRUE(rec.ok());
+    ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
+    ASSERT_TRUE(waitFor([] { return gEnds == 1; }, std::chrono::seconds(4)));
+    EXPECT_TRUE(BASS_ChannelPlay(h, FALSE)); // the obvious repeat button
+    ASSERT_TRUE(waitFor([] { return gEnds == 2; }, std::chrono::seconds(4)));
+    EXPECT_TRUE(BASS_ChannelSetPosition(h, 0, BASS_POS_BYTE));
+    EXPECT_TRUE(BASS_ChannelPlay(h, FALSE));
+    ASSERT_TRUE(waitFor([] { return gEnds == 3; }, std::chrono::seconds(4)));
+    EXPECT_TRUE(waitFor([&] { return BASS_ChannelIsActive(h) == BASS_ACTIVE_STOPPED; }, std::chrono::seconds(1)));
+    const auto runs = signalRuns(rec.finish(), 240);
+    std::system(("rm -rf " + std::string(dir)).c_str());
+    ASSERT_FALSE(runs.empty());
+    // Every pass heard whole: runs of 2 s each (or passes joined without a gap).
+    double heard = 0;
+    for (auto [a, b] : runs) {
+        const double len = static_cast<double>(b - a + 1) / 48000;
+        EXPECT_NEAR(len / 2.0, std::round(len / 2.0), 0.005) << "a run of " << len << " s";
+        heard += len;
+    }
+    EXPECT_NEAR(heard, 6.0, 0.02);
+    // The first end report against the first pass's heard end.
+    const double heardEnd = rec.timeOf(static_cast<double>(runs[0].first) + 96000);
+    std::printf("end report %.1f ms before the heard end\n", (heardEnd - gEndAt[0]) * 1000);
+    EXPECT_LE(heardEnd - gEndAt[0], 0.100);
+    EXPECT_GE(heardEnd - gEndAt[0], -0.005);
+}
+
+// Heard positions and non-mixtime position syncs follow what leaves the sink
+// within 10 ms: clicks every 250 ms, their recorded times against the syncs'
+// and the positions reported meanwhile.
+TEST_F(SoundServerTest, HeardPositionsAndSyncsMatchWhatLeavesTheSink) {
+    const int device = ownSink();
+    ASSERT_GT(device, 0);
+    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
+    constexpr size_t kStep = 12000, kClicks = 9;
+    std::vector<float> train((kClicks + 1) * kStep * 2, 0.0f);
+    for (size_t k = 1; k <= kClicks; ++k)
+        for (size_t i = 0; i < 48; ++i) train[(k * kStep + i) * 2] = train[(k * kStep + i) * 2 + 1] = 0.8f;
+    static double fired[kClicks + 1];
+    static std::atomic<int> firedCount;
+    firedCount = 0;
+    TimedRecorder rec(3.2, monitor());
+    ASSERT_TRUE(rec.ok());
+    HSTREAM h = pushStream(48000, 2, 0, train, true);
+    for (size_t k = 1; k <= kClicks; ++k)
+        ASSERT_NE(BASS_ChannelSetSync(h, BASS_SYNC_POS, k * kStep * 8,
+                                      [](HSYNC, DWORD, DWORD, void* k) {
+                                          fired[reinterpret_cast<size_t>(k)] = TimedRecorder::now();
+                                          firedCount++;
+                                      },
+                                      reinterpret_cast<void*>(k)),
+                  0u);
+    ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
+    std::vector<std::pair<double, double>> polls; // (time, heard frame)
+    while (BASS_ChannelIsActive(h) == BASS_ACTIVE_PLAYING && polls.size() < 2000) {
+        const double t0 = TimedRecorder::now();
+        const QWORD pos = BASS_ChannelGetPosition(h, BASS_POS_BYTE);
+        const double t1 = TimedRecorder::now();
+        if (t1 - t0 < 0.001) polls.push_back({(t0 + t1) / 2, static_cast<double>(pos / 8)});
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const auto runs = signalRuns(rec.finish(), 4800);
+    BASS_StreamFree(h);
+    ASSERT_EQ(runs.size(), kClicks);
+    EXPECT_EQ(firedCount.load(), static_cast<int>(kClicks));
+    double worstSync = 0, worstPos = 0, sumSync = 0, sumPos = 0;
+    for (size_t k = 1; k <= kClicks; ++k) {
+        const double d = fired[k] - rec.timeOf(static_cast<double>(runs[k - 1].first));
+        sumSync += d;
+        worstSync = std::max(worstSync, std::fabs(d));
+    }
+    for (auto [t, frame] : polls) {
+        // The last click heard by then, and the frames since.
+        size_t k = 0;
+        while (k < kClicks && rec.timeOf(static_cast<double>(runs[k].first)) <= t) ++k;
+        if (k == 0) continue;
+        const double expected = static_cast<double>(k * kStep) + (t - rec.timeOf(static_cast<double>(runs[k - 1].first))) * 48000;
+        if (expected > static_cast<double>((kClicks + 1) * kStep)) continue; // past the end
+        worstPos = std::max(worstPos, std::fabs(frame - expected) / 48000);
+        sumPos += (frame - expected) / 48000;
+    }
+    std::printf("mean sync %.1f ms, mean position %.1f ms\n", sumSync / kClicks * 1000, sumPos / static_cast<double>(polls.size()) * 1000);
+    std::printf("worst sync %.1f ms, worst position %.1f ms over %zu readings\n", worstSync * 1000, worstPos * 1000, polls.size());
+    EXPECT_LE(worstSync, 0.010);
+    EXPECT_LE(worstPos, 0.010);
+}

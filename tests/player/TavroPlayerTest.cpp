@@ -191,3 +191,28 @@ TEST_F(TavroPlayerTest, FadeOutRunsItsActionAndRestoresTheVolume) {
     ASSERT_TRUE(TavroMainQueue::runUntil([&] { return !p->stream()->isSlidingVolume(); }, 2s));
     EXPECT_FLOAT_EQ(p->stream()->volume(), 0.6f);
 }
+
+// A repeat button written the obvious way: play again from the end report,
+// once by play alone and once after a seek to the start. Each time the track
+// plays whole and ends again; the player never says "playing" over a channel
+// that has stopped.
+TEST_F(TavroPlayerTest, PlayingAgainFromTheEndReportRepeatsTheTrack) {
+    auto p = TavroPlayer::initWithSource(file("short.wav"));
+    int ends = 0;
+    p->setOnEnd([&] {
+        ++ends;
+        if (ends == 2) p->seekToSeconds(0);
+        if (ends < 3) {
+            EXPECT_TRUE(p->play());
+        }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(p->play());
+    for (int i = 0; i < 300 && ends < 3; ++i) TavroMainQueue::runFor(10ms);
+    ASSERT_EQ(ends, 3);
+    // Three passes of 250 ms were heard, none of them cut short.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 3 * 250ms - 60ms);
+    TavroMainQueue::runFor(200ms);
+    EXPECT_EQ(p->state(), TavroPlayerStateEnded);
+    EXPECT_EQ(BASS_ChannelIsActive(p->stream()->handle()), static_cast<DWORD>(BASS_ACTIVE_STOPPED));
+}

@@ -339,14 +339,17 @@ bool Channel::play(bool restart) {
     if (!device_ || !device_->isRunning()) return fail(BASS_ERROR_START);
     {
         std::lock_guard lock(renderMutex_);
+        // Ended: its source is done. Still playing, the device is playing out
+        // the tail: a replay follows the tail instead of cutting it.
         const bool wasEnded = ended_.load() && state() == ChannelState::Stopped;
-        if (restart || wasEnded) {
+        const bool draining = ended_.load() && state() == ChannelState::Playing;
+        if (restart || wasEnded || draining) {
             if (seekable()) {
                 if (!seekFramesLocked(startFrame(), 0)) return false;
             } else {
                 onRestart();
             }
-            if (voice()) voice()->requestFlush(static_cast<uint64_t>(outputPosition()));
+            if (voice() && (restart || !draining)) voice()->requestFlush(static_cast<uint64_t>(outputPosition()));
         }
         if (state() == ChannelState::Playing && !restart) return succeed();
         ensureVoice();
@@ -401,7 +404,14 @@ DWORD Channel::activeState() const {
 
 void Channel::markDrained() {
     ChannelState expected = ChannelState::Playing;
-    if (state_.compare_exchange_strong(expected, ChannelState::Stopped)) SyncThread::post(SyncEvent::drained(handle()));
+    if (!state_.compare_exchange_strong(expected, ChannelState::Stopped)) return;
+    // A replay or a seek that came in meanwhile keeps it playing.
+    if (!ended()) {
+        expected = ChannelState::Stopped;
+        state_.compare_exchange_strong(expected, ChannelState::Playing);
+        return;
+    }
+    SyncThread::post(SyncEvent::drained(handle()));
 }
 
 // ---------------------------------------------------------------- position
@@ -426,10 +436,12 @@ bool Channel::setPosition(QWORD pos, DWORD mode) {
     if (len >= 0 && frame > static_cast<uint64_t>(len)) return fail(BASS_ERROR_POSITION);
     std::lock_guard lock(renderMutex_);
     const bool reentrant = currentRenderChannel() == this;
+    const bool draining = ended_.load() && state() == ChannelState::Playing;
     if (!seekFramesLocked(frame, mode)) return false;
-    // A sync inside the render moved us: what was rendered before this frame
-    // is still to be heard, so no flush; the next output starts a marker.
-    if (voice() && !(reentrant && renderingToRing_)) voice()->requestFlush(frame);
+    // A sync inside the render moved us, or the source had ended and its
+    // tail is being played out: what was rendered is still to be heard, so
+    // no flush; the next output starts a marker.
+    if (voice() && !(reentrant && renderingToRing_) && !draining) voice()->requestFlush(frame);
     if (state() == ChannelState::Playing) Device::wakeUpdater();
     return succeed();
 }

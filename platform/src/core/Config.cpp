@@ -23,8 +23,8 @@ struct Option {
 
 // Options held as numbers; anything else is refused with BASS_ERROR_ILLPARAM.
 constexpr std::array<Option, 17> kOptions{{
-    {BASS_CONFIG_BUFFER, 500, {10, 5000, true}},
-    {BASS_CONFIG_UPDATEPERIOD, 100, {0, 100, true}},
+    {BASS_CONFIG_BUFFER, 40, {10, 5000, true}},
+    {BASS_CONFIG_UPDATEPERIOD, 10, {0, 100, true}},
     {BASS_CONFIG_GVOL_SAMPLE, 10000, {0, 10000, false}},
     {BASS_CONFIG_GVOL_STREAM, 10000, {0, 10000, false}},
     {BASS_CONFIG_GVOL_MUSIC, 10000, {0, 10000, false}},

@@ -13,8 +13,10 @@ struct Table {
     DWORD next = 1;
 };
 Table& table() {
-    static Table t;
-    return t;
+    // Never destroyed: device threads may still be mixing channels while the
+    // process exits without freeing them.
+    static Table* t = new Table();
+    return *t;
 }
 DWORD nextLocked(Table& t) {
     for (;;) {

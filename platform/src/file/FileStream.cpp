@@ -340,8 +340,10 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
     const auto head = in.readAt(0, 10);
     if (head.size() == 10 && std::memcmp(head.data(), "ID3", 3) == 0) {
         const uint32_t size = (head[6] & 0x7F) << 21 | (head[7] & 0x7F) << 14 | (head[8] & 0x7F) << 7 | (head[9] & 0x7F);
-        const auto block = in.readAt(0, size + 10 + ((head[5] & 0x10) ? 10 : 0));
-        fs->tags_[BASS_TAG_ID3V2] = std::string(block.begin(), block.end());
+        // Only a whole block: readers take its length from its header.
+        const size_t want = size + 10 + ((head[5] & 0x10) ? 10 : 0);
+        const auto block = in.readAt(0, want);
+        if (block.size() == want) fs->tags_[BASS_TAG_ID3V2] = std::string(block.begin(), block.end());
     }
     if (auto ape = apeTags(in, id3v1); !ape.empty()) fs->tags_[BASS_TAG_APE] = ape;
     const AVInputFormat* f = d.fmt->iformat;

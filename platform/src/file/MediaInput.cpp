@@ -75,7 +75,7 @@ int64_t MediaInput::seek(int64_t pos, int whence) {
 
 std::vector<uint8_t> MediaInput::readAt(int64_t pos, size_t n) {
     std::vector<uint8_t> out;
-    if (pos < 0 || pos >= size_) return out;
+    if (pos < 0 || pos >= size_ || n == 0) return out;
     n = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(n), size_ - pos));
     out.resize(n);
     if (mem_) {

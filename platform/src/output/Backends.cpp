@@ -43,6 +43,7 @@ class NoSoundBackend final : public Backend {
     static size_t kPeriodFrames(DWORD rate) { return rate / 100 + 1; }
 
     void run() {
+        raiseAudioThreadPriority();
         // Frames due are computed from the elapsed time, so the long-run rate
         // is exact whatever the scheduling jitter.
         using namespace std::chrono;
@@ -99,7 +100,7 @@ class PulseBackend final : public Backend {
             const uint32_t frameBytes = 2 * sizeof(float);
             pa_buffer_attr attr{};
             attr.maxlength = static_cast<uint32_t>(-1);
-            attr.tlength = device_.rate() * 40 / 1000 * frameBytes;
+            attr.tlength = device_.rate() * 60 / 1000 * frameBytes;
             attr.prebuf = static_cast<uint32_t>(-1);
             attr.minreq = device_.rate() * 10 / 1000 * frameBytes;
             attr.fragsize = static_cast<uint32_t>(-1);
@@ -190,6 +191,15 @@ class PulseBackend final : public Backend {
     static void onWrite(pa_stream* s, size_t nbytes, void* ud) {
         auto* self = static_cast<PulseBackend*>(ud);
         self->everReady_ = true;
+        // What the server still has to play before this write is heard.
+        pa_usec_t usec = 0;
+        int negative = 0;
+        int64_t delayNs = -1; // unknown until the server has sent its timing
+        if (pa_stream_get_latency(s, &usec, &negative) == 0) delayNs = negative ? 0 : static_cast<int64_t>(usec) * 1000;
+        if (!self->raised_) {
+            raiseAudioThreadPriority(); // the mix runs on this thread
+            self->raised_ = true;
+        }
         while (nbytes > 0) {
             void* data = nullptr;
             size_t n = nbytes;
@@ -199,7 +209,8 @@ class PulseBackend final : public Backend {
                 pa_stream_cancel_write(s);
                 return;
             }
-            self->device_.render(static_cast<float*>(data), frames);
+            self->device_.render(static_cast<float*>(data), frames, delayNs);
+            if (delayNs >= 0) delayNs += static_cast<int64_t>(frames) * 1'000'000'000 / self->device_.rate();
             pa_stream_write(s, data, frames * 2 * sizeof(float), nullptr, 0, PA_SEEK_RELATIVE);
             nbytes -= std::min(nbytes, frames * 2 * sizeof(float));
         }
@@ -211,6 +222,7 @@ class PulseBackend final : public Backend {
     pa_stream* stream_ = nullptr;
     std::atomic<bool> failed_{false};
     std::atomic<bool> everReady_{false};
+    bool raised_ = false; // the mainloop thread's priority (that thread only)
 };
 
 } // namespace

@@ -12,7 +12,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <map>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 namespace tavro::platform {
 
@@ -33,6 +38,18 @@ Registry& registry() {
 
 thread_local int tlsDevice = -1;
 
+} // namespace
+
+void raiseAudioThreadPriority() {
+    sched_param param{};
+    param.sched_priority = std::max(1, sched_get_priority_min(SCHED_FIFO) + 4);
+    if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0) return;
+    // No real-time rights: a better nice value, where that is allowed.
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), -11);
+}
+
+namespace {
+
 // Renders playing channels ahead into their rings.
 class Updater {
   public:
@@ -50,6 +67,7 @@ class Updater {
 
   private:
     void run() {
+        raiseAudioThreadPriority();
         std::vector<std::shared_ptr<Channel>> work;
         for (;;) {
             work.clear();
@@ -113,11 +131,24 @@ std::shared_ptr<Device> Device::open(int number, DWORD rate, DWORD flags) {
     return d;
 }
 
-void Device::render(float* out, size_t frames) {
+void Device::render(float* out, size_t frames, int64_t delayNs) {
     callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
     std::fill(out, out + frames * 2, 0.0f);
     const std::vector<Channel*>* list = live_.load(std::memory_order_acquire);
     const int64_t now = monotonicNs();
+    const uint64_t index = framesRendered_.load(std::memory_order_relaxed);
+    // Where the previous block puts this one, when the output keeps its pace.
+    const HeardClock prev = heardClock_.load();
+    const int64_t predicted = prev.ns + static_cast<int64_t>(static_cast<double>(index - prev.index) * 1e9 / rate_);
+    int64_t heardNs = now + std::max<int64_t>(0, delayNs);
+    if (prev.ns != 0 && delayNs < 0) {
+        heardNs = predicted; // the output could not say: keep the pace
+    } else if (prev.ns != 0 && std::abs(heardNs - predicted) < 20'000'000) {
+        // The output's reports jitter by a few milliseconds: follow them slowly.
+        heardNs = predicted + (heardNs - predicted) / 8;
+    }
+    const BlockClock clock{index, heardNs, static_cast<double>(rate_)};
+    heardClock_.store({clock.index, clock.heardNs});
     const float gStream = static_cast<float>(Config::value(BASS_CONFIG_GVOL_STREAM)) / 10000.0f;
     const float gMusic = static_cast<float>(Config::value(BASS_CONFIG_GVOL_MUSIC)) / 10000.0f;
     const float gSample = static_cast<float>(Config::value(BASS_CONFIG_GVOL_SAMPLE)) / 10000.0f;
@@ -126,11 +157,21 @@ void Device::render(float* out, size_t frames) {
         if (!v || ch->state() != ChannelState::Playing) continue;
         const DWORD ct = ch->ctype();
         const float g = (ct & BASS_CTYPE_MUSIC_MOD) ? gMusic : (ct == BASS_CTYPE_SAMPLE) ? gSample : gStream;
-        v->mix(out, frames, static_cast<double>(rate_), now, g);
+        v->mix(out, frames, clock, now, g);
     }
     for (size_t i = 0; i < frames * 2; ++i) out[i] = std::clamp(out[i], -1.0f, 1.0f);
     framesRendered_.fetch_add(frames, std::memory_order_acq_rel);
     callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+double Device::frameHeardAt(int64_t nowNs) const {
+    const HeardClock c = heardClock_.load();
+    return static_cast<double>(c.index) + static_cast<double>(nowNs - c.ns) * 1e-9 * static_cast<double>(rate_);
+}
+
+int64_t Device::heardNsOfFrame(double index) const {
+    const HeardClock c = heardClock_.load();
+    return c.ns + static_cast<int64_t>((index - static_cast<double>(c.index)) * 1e9 / static_cast<double>(rate_));
 }
 
 void Device::publishLocked() {

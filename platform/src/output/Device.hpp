@@ -10,6 +10,7 @@
 #pragma once
 
 #include "bass.h"
+#include "core/LockFree.hpp"
 
 #include <atomic>
 #include <functional>
@@ -46,8 +47,14 @@ class Device : public std::enable_shared_from_this<Device> {
     DWORD latencyMs() const { return backend_ ? backend_->latencyMs() : 0; }
 
     // Device thread: mixes every playing channel into interleaved stereo.
-    void render(float* out, size_t frames);
+    // `delayNs` is how long the output takes to play what it already holds:
+    // the first frame of this block is heard that much later.
+    void render(float* out, size_t frames, int64_t delayNs = 0);
     uint64_t framesRendered() const { return framesRendered_.load(std::memory_order_acquire); }
+    // The device frame (an index counted like framesRendered) being heard at
+    // `nowNs`, and the time at which a device frame is heard.
+    double frameHeardAt(int64_t nowNs) const;
+    int64_t heardNsOfFrame(double index) const;
 
     void attach(const std::shared_ptr<Channel>& ch);
     void detach(Channel& ch);
@@ -87,7 +94,18 @@ class Device : public std::enable_shared_from_this<Device> {
     std::atomic<const std::vector<Channel*>*> live_{nullptr};
     std::atomic<uint64_t> callbackSeq_{0}; // odd while render() runs
     std::atomic<uint64_t> framesRendered_{0};
+    // Device frame `index` is heard at `ns`: updated at every block.
+    struct HeardClock {
+        uint64_t index;
+        int64_t ns;
+    };
+    SeqLocked<HeardClock> heardClock_{HeardClock{0, 0}};
 };
+
+// Gives the calling audio thread (rendering or mixing) real-time scheduling
+// where the system allows it, or at least a higher priority, so that other
+// busy processes cannot make the output run dry. Best effort.
+void raiseAudioThreadPriority();
 
 std::unique_ptr<Backend> makeNoSoundBackend(Device& device);
 // Null when the server cannot be reached or refuses the stream.

@@ -1,6 +1,7 @@
 #include "output/Voice.hpp"
 
 #include "channel/Channel.hpp"
+#include "output/Device.hpp"
 #include "runtime/SyncThread.hpp"
 
 #include <algorithm>
@@ -39,12 +40,53 @@ void Voice::advanceHeard(size_t frames) {
     heardPos_.fetch_add(static_cast<uint64_t>(static_cast<int64_t>(whole)), std::memory_order_acq_rel);
 }
 
+bool Voice::heardSnapshot(HeardSnapshot& snap, double& into) const {
+    const uint64_t count = snapshotCount_.load(std::memory_order_acquire);
+    const uint32_t gen = flushAck_.load(std::memory_order_acquire);
+    const Device* dev = channel_.device().get();
+    if (count == 0 || !dev) return false;
+    const double now = dev->frameHeardAt(monotonicNs());
+    bool found = false, newest = true;
+    // Newest first: the first block that started at or before the heard frame.
+    for (uint64_t k = 0; k < std::min<uint64_t>(count, kSnapshots); ++k) {
+        const HeardSnapshot s = snapshots_[(count - 1 - k) % kSnapshots].load();
+        if (s.gen != gen) break;
+        newest = !found;
+        snap = s;
+        found = true;
+        if (static_cast<double>(s.device) <= now) break;
+    }
+    if (!found) return false;
+    // Before the oldest block of this generation nothing new is heard yet.
+    // Past the end of a block followed by a later one (after a pause), all of
+    // it has been heard; the newest block runs on while the output plays (the
+    // callers cap it at what the device has taken).
+    into = std::max(0.0, now - static_cast<double>(snap.device));
+    if (!newest) into = std::min(into, static_cast<double>(snap.frames));
+    return true;
+}
+
 uint64_t Voice::heardPosition() const {
     const FlushRequest f = flush_.load();
     // Until the device thread has taken a flush, the new position is the
     // answer (also when nothing was buffered yet to be dropped).
     if (f.gen != flushAck_.load(std::memory_order_acquire)) return f.pos;
-    return heardPos_.load(std::memory_order_acquire);
+    HeardSnapshot s{};
+    double into = 0;
+    const uint64_t mixed = heardPos_.load(std::memory_order_acquire);
+    if (!heardSnapshot(s, into)) return mixed;
+    // Never past what the device has taken (a block the voice ran dry in).
+    double p = s.pos + into * s.posRate;
+    const auto m = static_cast<double>(mixed);
+    p = s.posRate >= 0 ? std::min(p, m) : std::max(p, m);
+    return static_cast<uint64_t>(std::max(0.0, std::floor(p + 1e-6)));
+}
+
+uint64_t Voice::heardRingIndex() const {
+    HeardSnapshot s{};
+    double into = 0;
+    if (!heardSnapshot(s, into)) return ring.readPos();
+    return std::min(ring.readPos(), static_cast<uint64_t>(std::max(0.0, s.ring + into * s.ringRate)));
 }
 
 void Voice::applyFlush() {
@@ -92,11 +134,14 @@ size_t Voice::pull(float* dst, size_t frames) {
                 limit = static_cast<size_t>(std::min<uint64_t>(limit, e->at - r));
                 break;
             }
-            SyncThread::post(SyncEvent::fire(channel_.handle(), e->sync, e->data));
+            // Heard when the device frame the mix has reached leaves the output.
+            const int64_t due = block_.heardNs + static_cast<int64_t>(static_cast<double>(blockDone_) * 1e9 / block_.rate);
+            SyncThread::post(SyncEvent::fire(channel_.handle(), e->sync, e->data, due));
             events.pop();
         }
         const size_t got = ring.read(dst + done * ch, limit);
         if (got) {
+            tail_ = 0; // a replay after the end: the next end drains anew
             history.write(dst + done * ch, got);
             advanceHeard(got);
             done += got;
@@ -121,10 +166,22 @@ void Voice::gains(int64_t now, float globalVolume, float& l, float& r) const {
     r = vol * (pan < 0 ? 1.0f + pan : 1.0f);
 }
 
-void Voice::mix(float* out, size_t frames, double deviceRate, int64_t now, float globalVolume) {
+void Voice::mix(float* out, size_t frames, const BlockClock& clock, int64_t now, float globalVolume) {
     applyFlush();
     const unsigned ch = channel_.chans();
-    const double ratio = channel_.rateNow(now) / deviceRate;
+    const double ratio = channel_.rateNow(now) / clock.rate;
+    block_ = clock;
+    {
+        // Where this block starts in heard terms: the resampler has taken a
+        // few frames ahead of what it has put out.
+        const double held = static_cast<double>(resampler_.pending());
+        const double pos = static_cast<double>(heardPos_.load(std::memory_order_relaxed)) + heardFrac_ - held * heardRate_;
+        const double ringAt = static_cast<double>(ring.readPos()) - held;
+        const uint64_t n = snapshotCount_.load(std::memory_order_relaxed);
+        snapshots_[n % kSnapshots].store({clock.index, pos, ratio * heardRate_, ringAt, ratio, frames,
+                                          flushAck_.load(std::memory_order_relaxed)});
+        snapshotCount_.store(n + 1, std::memory_order_release);
+    }
     float gl, gr;
     gains(now, globalVolume, gl, gr);
     if (lastL_ < 0) lastL_ = gl, lastR_ = gr;
@@ -133,6 +190,7 @@ void Voice::mix(float* out, size_t frames, double deviceRate, int64_t now, float
     bool dry = false;
     while (done < frames && !dry) {
         const size_t want = std::min(frames - done, Resampler::kMaxOutBlock);
+        blockDone_ = done;
         const size_t got = resampler_.process(scratch_.data(), want, ratio,
                                               [this](float* d, size_t n) { return pull(d, n); });
         dry = got < want;

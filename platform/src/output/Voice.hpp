@@ -35,6 +35,25 @@ struct HeardEvent {
     DWORD data;
 };
 
+// Where a device block lies in time: its first frame's device index, when
+// that frame is heard, and the device rate.
+struct BlockClock {
+    uint64_t index;
+    int64_t heardNs;
+    double rate;
+};
+
+// What one device block took from the voice: from device frame `device` on,
+// the heard position is `pos` and the ring index `ring`, moving `posRate` and
+// `ringRate` per device frame, for `frames` device frames.
+struct HeardSnapshot {
+    uint64_t device;
+    double pos, posRate;
+    double ring, ringRate;
+    uint64_t frames;
+    uint32_t gen; // flush generation
+};
+
 struct FlushRequest {
     uint64_t discardTo; // ring index: everything before it is dropped
     uint64_t pos;       // heard position from then on
@@ -55,11 +74,13 @@ class Voice {
     // Renderer side: a new mapping from ring frames to positions starts at `at`.
     void pushMarker(uint64_t at, double pos, double rate);
     // Mixes up to `frames` device frames into a stereo buffer (adds).
-    void mix(float* out, size_t frames, double deviceRate, int64_t now, float globalVolume);
+    void mix(float* out, size_t frames, const BlockClock& clock, int64_t now, float globalVolume);
+    // The position the listener hears now: what the device took, less what
+    // the output still holds.
     uint64_t heardPosition() const;
-    // Ring index of the next frame to be heard, and the flush generation:
-    // frames rendered under an older generation will never be heard.
-    uint64_t heardRingIndex() const { return ring.readPos(); }
+    // Ring index of the frame heard now, and the flush generation: frames
+    // rendered under an older generation will never be heard.
+    uint64_t heardRingIndex() const;
     uint32_t flushGeneration() const { return flushGen_.load(std::memory_order_acquire); }
     // Frames buffered ahead of what is heard.
     size_t buffered() const { return ring.available() + resampler_.pending(); }
@@ -69,6 +90,10 @@ class Voice {
     void applyFlush();
     void gains(int64_t now, float globalVolume, float& l, float& r) const;
     void advanceHeard(size_t frames);
+    // The newest block snapshot that covers what is heard now (false before
+    // anything of the current flush generation was mixed), and how far into
+    // it the listener is, in device frames.
+    bool heardSnapshot(HeardSnapshot& snap, double& into) const;
 
     Channel& channel_;
     Resampler resampler_;
@@ -80,6 +105,13 @@ class Voice {
     double heardRate_ = 1; // device thread: the current marker's rate
     double heardFrac_ = 0; // and the fraction of a frame carried
     size_t tail_ = 0;      // zero frames fed after the end, to flush the resampler
+    // Device thread: the block being mixed and how far into it the mix is,
+    // for the time at which events are heard.
+    BlockClock block_{0, 0, 1};
+    size_t blockDone_ = 0;
+    static constexpr size_t kSnapshots = 64; // blocks of history: covers the output's latency
+    SeqLocked<HeardSnapshot> snapshots_[kSnapshots];
+    std::atomic<uint64_t> snapshotCount_{0};
     float lastL_ = -1, lastR_ = -1;
 };
 

@@ -5,6 +5,7 @@
 #include "core/LockFree.hpp"
 #include "output/Device.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <semaphore.h>
 #include <thread>
@@ -45,16 +46,28 @@ class Worker {
   private:
     void run() {
         id_.store(std::this_thread::get_id());
+        std::vector<SyncEvent> later; // events not heard yet, in the order they were posted
         for (;;) {
-            // Wake at least every 10 ms while slides may be finishing.
+            // Wake at least every 10 ms while slides may be finishing, and
+            // when the next event is due.
+            int64_t waitNs = 10'000'000;
+            if (!later.empty()) waitNs = std::clamp<int64_t>(later.front().dueNs - monotonicNs(), 0, waitNs);
             timespec ts{};
             clock_gettime(CLOCK_REALTIME, &ts);
-            ts.tv_nsec += 10'000'000;
+            ts.tv_nsec += static_cast<long>(waitNs);
             if (ts.tv_nsec >= 1'000'000'000) ts.tv_sec += 1, ts.tv_nsec -= 1'000'000'000;
             sem_timedwait(&sem_, &ts);
             SyncEvent e{};
-            while (queue_.pop(e)) handle(e);
-            Device::forEachSliding([](Channel& ch, int64_t now) { ch.checkSlides(now); });
+            while (queue_.pop(e)) {
+                // Events keep their order: one behind a waiting event waits too.
+                if (later.empty() && e.dueNs <= monotonicNs()) handle(e);
+                else later.push_back(e);
+            }
+            const int64_t now = monotonicNs();
+            size_t done = 0;
+            while (done < later.size() && later[done].dueNs <= now) handle(later[done++]);
+            later.erase(later.begin(), later.begin() + static_cast<std::ptrdiff_t>(done));
+            Device::forEachSliding([](Channel& ch, int64_t t) { ch.checkSlides(t); });
         }
     }
 
@@ -77,6 +90,7 @@ class Worker {
         }
         case SyncEvent::Drained: {
             if (auto ch = Handles::get<Channel>(e.channel)) {
+                if (ch->state() != ChannelState::Stopped) break; // played again since
                 if (ch->device()) ch->device()->detach(*ch);
                 if (ch->flags() & BASS_STREAM_AUTOFREE) {
                     Handles::remove(e.channel);

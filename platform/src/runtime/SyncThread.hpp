@@ -20,9 +20,10 @@ struct SyncEvent {
     DWORD channel;
     HSYNC sync;
     DWORD data;
-    static SyncEvent fire(DWORD ch, HSYNC s, DWORD d) { return {Fire, ch, s, d}; }
-    static SyncEvent drained(DWORD ch) { return {Drained, ch, 0, 0}; }
-    static SyncEvent barrier() { return {Barrier, 0, 0, 0}; }
+    int64_t dueNs; // monotonic time it is heard; 0: at once
+    static SyncEvent fire(DWORD ch, HSYNC s, DWORD d, int64_t due = 0) { return {Fire, ch, s, d, due}; }
+    static SyncEvent drained(DWORD ch) { return {Drained, ch, 0, 0, 0}; }
+    static SyncEvent barrier() { return {Barrier, 0, 0, 0, 0}; }
 };
 
 class SyncThread {

@@ -302,3 +302,30 @@ TEST(BeatAnalysis, AtLeastAsAccurateAsAubio) {
     }
     std::filesystem::remove_all(dir);
 }
+
+// The analysis of a long recording costs in proportion to its length (a
+// whole-envelope transform once took minutes on a 28-minute file), and a
+// steady beat buried in busier material still gets an answer.
+TEST(BeatAnalysis, LongAndWeakEnvelopesGetATempo) {
+    const double fr = 44100.0 / 256, bpm = 123.0, p = 60.0 * fr / bpm;
+    std::mt19937 rng(3);
+    std::exponential_distribution<float> busy(4.0f);
+    auto envelope = [&](double seconds, float beat) {
+        std::vector<float> env(static_cast<size_t>(seconds * fr));
+        for (float& v : env) v = busy(rng);
+        for (double t = 0.3 * fr; t < static_cast<double>(env.size()); t += p)
+            env[static_cast<size_t>(t)] += beat;
+        return env;
+    };
+    const std::vector<float> twoHours = envelope(2 * 3600.0, 2.0f);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_NEAR(estimateTempo(twoHours.data(), twoHours.size(), fr, 60, 180), bpm, 0.05);
+    const size_t beats = trackBeats(twoHours.data(), twoHours.size(), fr, 0.0, bpm).size();
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("2 h envelope: tempo and %zu beats in %.2f s\n", beats, took);
+    EXPECT_NEAR(static_cast<double>(beats), 2 * 60 * bpm, 5.0);
+    EXPECT_LT(took, 30.0) << "well over a second per minute even under sanitizers";
+
+    const std::vector<float> weak = envelope(60.0, 0.6f);
+    EXPECT_NEAR(estimateTempo(weak.data(), weak.size(), fr, 60, 180), bpm, 0.5);
+}

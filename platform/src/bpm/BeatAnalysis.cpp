@@ -198,7 +198,11 @@ std::vector<float> conditionEnvelope(const float* env, size_t n, double fr) {
 }
 
 // Normalised autocorrelation (r[0] = 1), unbiased for the shrinking overlap,
-// lags 0..maxLag.
+// lags 0..maxLag. Computed block by block with transforms of a fixed size
+// set by maxLag, so the cost grows linearly with the envelope and the memory
+// does not grow at all: each block of B values is correlated with itself and
+// the maxLag values after it, and the cross spectra are summed before a
+// single inverse transform.
 std::vector<double> autocorrelation(const std::vector<float>& x, size_t maxLag) {
     const size_t n = x.size();
     std::vector<double> r(maxLag + 1, 0.0);
@@ -207,19 +211,38 @@ std::vector<double> autocorrelation(const std::vector<float>& x, size_t maxLag) 
     for (float v : x) mean += v;
     mean /= static_cast<double>(n);
 
-    const size_t m = nextPow2(n + maxLag + 1);
-    RealFft fwd(m, false);
+    // A transform of m points correlates a block of m - maxLag values with
+    // the m values from its start without wrapping round.
+    const size_t m = std::min(nextPow2(n + maxLag + 1), std::max<size_t>(1024, nextPow2(4 * (maxLag + 1))));
+    const size_t block = m - maxLag;
+    RealFft head(m, false);
+    RealFft span(m, false);
     RealFft inv(m, true);
-    if (!fwd.ok() || !inv.ok()) return r;
-    float* in = fwd.real();
-    for (size_t i = 0; i < n; ++i) in[i] = static_cast<float>(x[i] - mean);
-    std::fill(in + n, in + m, 0.0f);
-    fwd.run();
-    const AVComplexFloat* s = fwd.spectrum();
+    if (!head.ok() || !span.ok() || !inv.ok()) return r;
+    std::vector<double> re(m / 2 + 1, 0.0), im(m / 2 + 1, 0.0);
+    for (size_t start = 0; start < n; start += block) {
+        const size_t own = std::min(block, n - start);
+        const size_t reach = std::min(m, n - start);
+        float* a = head.real();
+        float* b = span.real();
+        for (size_t i = 0; i < reach; ++i) b[i] = static_cast<float>(x[start + i] - mean);
+        std::fill(b + reach, b + m, 0.0f);
+        std::copy(b, b + own, a);
+        std::fill(a + own, a + m, 0.0f);
+        head.run();
+        span.run();
+        const AVComplexFloat* sa = head.spectrum();
+        const AVComplexFloat* sb = span.spectrum();
+        // conj(A) * B: the correlation of the block with what follows it.
+        for (size_t k = 0; k <= m / 2; ++k) {
+            re[k] += static_cast<double>(sa[k].re) * sb[k].re + static_cast<double>(sa[k].im) * sb[k].im;
+            im[k] += static_cast<double>(sa[k].re) * sb[k].im - static_cast<double>(sa[k].im) * sb[k].re;
+        }
+    }
     AVComplexFloat* p = inv.spectrum();
     for (size_t k = 0; k <= m / 2; ++k) {
-        p[k].re = s[k].re * s[k].re + s[k].im * s[k].im;
-        p[k].im = 0.0f;
+        p[k].re = static_cast<float>(re[k]);
+        p[k].im = static_cast<float>(im[k]);
     }
     inv.run();
     const float* out = inv.real();
@@ -229,18 +252,60 @@ std::vector<double> autocorrelation(const std::vector<float>& x, size_t maxLag) 
     return r;
 }
 
+// Whether the envelope holds at least a few distinct onsets: a steady tone
+// leaves only a faint ripple (well under 0.1 even at high rates), which the
+// level normalisation would otherwise blow up into a pattern, and a lone click
+// is one onset, which has no period.
+bool hasOnsets(const float* env, size_t n, double fr) {
+    constexpr double kOnsetFloor = 0.1;
+    constexpr int kNeeded = 4;
+    const size_t half = std::max<size_t>(1, static_cast<size_t>(0.25 * fr));
+    const size_t gap = std::max<size_t>(1, static_cast<size_t>(0.1 * fr));
+    auto value = [env](size_t i) { return std::isfinite(env[i]) ? static_cast<double>(env[i]) : 0.0; };
+    double sum = 0.0; // of the values in [a, b), the window around i
+    size_t a = 0, b = 0;
+    int found = 0;
+    size_t next = 0; // onsets closer than `gap` count once
+    for (size_t i = 0; i < n; ++i) {
+        for (; b < std::min(n, i + half + 1); ++b) sum += value(b);
+        for (; a + half < i; ++a) sum -= value(a);
+        if (i >= next && value(i) - sum / static_cast<double>(b - a) > kOnsetFloor) {
+            next = i + gap;
+            if (++found >= kNeeded) return true;
+        }
+    }
+    return false;
+}
+
+// Preference for moderate tempos (log-normal, centred on 120 BPM, one octave
+// wide): it decides only between metrical levels that the periodicity
+// evidence leaves close, as listeners tap the level nearest a comfortable
+// rate when several are equally plausible.
+double tempoPrior(double bpm) {
+    const double o = std::log2(bpm / 120.0);
+    return std::exp(-0.5 * o * o);
+}
+
 class TempoSearch {
   public:
     TempoSearch(const float* env, size_t n, double fr, double minBpm, double maxBpm)
         : fr_(fr), minBpm_(minBpm), maxBpm_(maxBpm) {
+        if (!hasOnsets(env, n, fr)) return;
+        // The metrical levels around the range are searched too, so that the
+        // answer inside it can be an octave of a beat outside it.
+        lowBpm_ = std::min(minBpm_, 40.0);
+        highBpm_ = std::min(std::max(maxBpm_, 320.0), 15.0 * fr_);
         cond_ = conditionEnvelope(env, n, fr);
-        const double slowest = period(minBpm_);
+        const double slowest = period(lowBpm_);
         const double longest = std::min(0.67 * static_cast<double>(n), 12.0 * fr_);
-        maxLag_ = static_cast<size_t>(std::max(0.0, std::floor(std::max(longest, 1.2 * slowest))));
-        if (maxLag_ + 2 >= n || slowest + 2.0 > static_cast<double>(maxLag_)) {
+        maxLag_ = static_cast<size_t>(std::max(0.0, std::floor(std::max(longest, 1.2 * period(minBpm_)))));
+        if (maxLag_ + 2 >= n || period(minBpm_) + 2.0 > static_cast<double>(maxLag_)) {
             maxLag_ = 0;
             return;
         }
+        // Levels slower than the data can show are left out of the search.
+        if (slowest + 2.0 > static_cast<double>(maxLag_))
+            lowBpm_ = 60.0 * fr_ / (static_cast<double>(maxLag_) - 2.0);
         acf_ = autocorrelation(cond_, maxLag_);
         // A light smoothing makes the comb tolerant of a frame of jitter while
         // keeping the peak centred.
@@ -262,67 +327,100 @@ class TempoSearch {
 
     double run() {
         if (maxLag_ == 0) return 0.0;
-        // Log-spaced grid: equal relative precision at every tempo.
-        constexpr double kStep = 1.0e-4;
-        double best = minBpm_, bestScore = -std::numeric_limits<double>::infinity();
-        for (double b = minBpm_; b <= maxBpm_ * (1.0 + 1e-12); b *= 1.0 + kStep) {
-            const double s = comb(b);
-            if (s > bestScore) {
-                bestScore = s;
-                best = b;
+        // The reference level: the strongest periodicity over a wide band,
+        // weighted towards moderate tempos. The comb favours slow levels
+        // (each of their lags is also a lag of the faster ones), so on its
+        // own it would settle on bars; the weighting brings it back to the
+        // level a listener taps.
+        // Log-spaced, equal relative precision everywhere: a comb peak is
+        // about one frame in 12 s wide, some 5e-4 in relative terms.
+        constexpr double kStep = 2.5e-4;
+        double ref = 0.0, refScore = 0.0;
+        for (double b = lowBpm_; b <= highBpm_ * (1.0 + 1e-12); b *= 1.0 + kStep) {
+            const double s = score(b);
+            if (s > refScore) {
+                refScore = s;
+                ref = b;
             }
         }
-        // Noise and steady tones leave the comb near zero at every tempo.
-        if (!(bestScore > 0.06)) return 0.0;
-        best = refine(best, 0.0015);
+        // Nothing repeats at all: no candidate to offer. Otherwise the best
+        // candidate is returned however weak the evidence is.
+        if (!(refScore > 0.0)) return 0.0;
+        ref = refine(ref, 0.0015, lowBpm_, highBpm_);
 
-        // Every tempo related to the strongest periodicity by a simple ratio
-        // is a candidate for the beat; which one is the beat is a metrical
-        // question answered below, not a matter of comb score.
-        static constexpr double kRatios[] = {1.0 / 4, 1.0 / 3, 1.0 / 2, 2.0 / 3, 3.0 / 4, 1.0,
-                                             4.0 / 3, 3.0 / 2, 2.0,     3.0,     4.0};
-        std::vector<double> cands;
-        for (double ratio : kRatios) {
-            const double t = best * ratio;
-            if (t < minBpm_ * 0.985 || t > maxBpm_ * 1.015) continue;
-            const double c = refine(std::clamp(t, minBpm_, maxBpm_), 0.015);
-            if (comb(c) > 0.25 * bestScore) cands.push_back(c);
+        // Dense music makes the levels at 2:3, 4:3, 3:4 and 3:2 of the beat
+        // score nearly as well on the comb (their lags fall on the beat's
+        // subdivisions), and which family of levels wins is then down to
+        // noise. The comb looks only at slower levels (multiples of the
+        // period); the envelope's spectrum at the first harmonics looks at
+        // the faster ones (the subdivisions). A level that is truly the beat
+        // is strong on both, so their product settles the family.
+        double family = ref, familyScore = score(ref) * harmonics(ref);
+        for (double f : {2.0 / 3, 4.0 / 3, 3.0 / 4, 3.0 / 2}) {
+            const double t = ref * f;
+            if (t < lowBpm_ || t > highBpm_) continue;
+            const double c = refine(t, 0.006, lowBpm_, highBpm_);
+            if (const double s = score(c) * harmonics(c); s > familyScore) {
+                familyScore = s;
+                family = c;
+            }
         }
-        if (cands.empty()) return std::clamp(best, minBpm_, maxBpm_);
+        if (family != ref) {
+            // The new family's best octave is the reference.
+            ref = family;
+            for (double f : {0.25, 0.5, 2.0, 4.0}) {
+                const double t = family * f;
+                if (t < lowBpm_ || t > highBpm_) continue;
+                if (const double c = refine(t, 0.006, lowBpm_, highBpm_); score(c) > score(ref)) ref = c;
+            }
+        }
 
-        // The slowest level whose beats all carry strong onsets...
-        double chosen = cands.front();
-        double chosenOn = -1.0;
-        for (double c : cands) {
-            const double on = grid(c, 1).on;
-            if (on > chosenOn * 1.02 || (on >= chosenOn * 0.98 && c < chosen)) {
-                if (on > chosenOn) chosenOn = on;
+        // The beat inside the range: the reference's octaves first, as music
+        // groups its pulses in twos far more often than in threes. Threefold
+        // relations are offered only when no octave fits the range.
+        double chosen = 0.0, chosenScore = -1.0;
+        auto consider = [&](double t) {
+            if (t < minBpm_ * 0.985 || t > maxBpm_ * 1.015) return;
+            const double c = refine(std::clamp(t, minBpm_, maxBpm_), 0.015, minBpm_, maxBpm_);
+            const double s = score(c);
+            if (s > chosenScore) {
+                chosenScore = s;
                 chosen = c;
             }
-        }
-        // ...then subdivide while the points between its beats carry real
-        // weight: a kick/snare alternation is two beats, a kick followed by a
-        // quiet hat is a beat and its off-beat. Off-beat cymbals measure
-        // below ~0.2 of the beats here; a second drum on the in-between
-        // points, even on only half of them, measures ~0.5 or more.
-        for (bool moved = true; moved;) {
-            moved = false;
-            for (int sub : {2, 3}) {
-                const double target = chosen * sub;
-                if (target > maxBpm_ * 1.015) continue;
-                auto it = std::find_if(cands.begin(), cands.end(),
-                                       [&](double c) { return std::abs(c / target - 1.0) < 0.02; });
-                const double faster = it != cands.end() ? *it : refine(std::min(target, maxBpm_), 0.015);
-                const Strength s = grid(chosen, sub);
-                const double threshold = sub == 2 ? 0.33 : 0.45;
-                if (s.on > 0.0 && s.mid >= threshold * s.on) {
-                    chosen = faster;
-                    moved = true;
-                    break;
+        };
+        for (double f : {1.0 / 8, 1.0 / 4, 1.0 / 2, 1.0, 2.0, 4.0, 8.0}) consider(ref * f);
+        if (chosen <= 0.0)
+            for (double f : {1.0 / 12, 1.0 / 6, 1.0 / 3, 3.0 / 4, 3.0 / 2, 3.0, 6.0, 12.0, 2.0 / 3, 4.0 / 3})
+                consider(ref * f);
+        if (chosen <= 0.0) {
+            // A range narrower than any simple ratio: its best point.
+            double best = minBpm_, bestScore = -1.0;
+            for (double b = minBpm_; b <= maxBpm_ * (1.0 + 1e-12); b *= 1.0 + kStep)
+                if (const double s = score(b); s > bestScore) {
+                    bestScore = s;
+                    best = b;
                 }
-            }
+            consider(best);
         }
-        return std::clamp(refine(chosen, 0.004), minBpm_, maxBpm_);
+        if (chosen <= 0.0) return 0.0;
+
+        // Octaves apart, the two levels can score alike; then the faster one
+        // is the beat when the slower one's in-between points carry real
+        // weight (a kick and snare alternation is two beats, a kick followed
+        // by a quiet hat is a beat and its off-beat). Off-beat cymbals
+        // measure below ~0.2 of the beats here; a second drum on the
+        // in-between points, even on only half of them, measures ~0.5. Dense
+        // music fills the in-between points too, so the faster level is not
+        // taken beyond the rates people tap at: a 95 BPM song with busy
+        // eighths is not a 190 BPM one.
+        constexpr double kFastestTap = 180.0;
+        const double faster = chosen * 2.0;
+        if (faster <= std::min(maxBpm_, kFastestTap) * 1.015) {
+            const double f = refine(std::min(faster, maxBpm_), 0.015, minBpm_, maxBpm_);
+            const Strength s = grid(chosen, 2);
+            if (s.on > 0.0 && s.mid >= 0.33 * s.on && score(f) >= 0.7 * chosenScore) chosen = f;
+        }
+        return std::clamp(refine(chosen, 0.004, minBpm_, maxBpm_), minBpm_, maxBpm_);
     }
 
   private:
@@ -355,18 +453,41 @@ class TempoSearch {
         return k > 0 ? sum / k : -1.0;
     }
 
-    // Best comb score within +-span (relative) of bpm, kept inside the range.
-    double refine(double bpm, double span) const {
-        const double lo = std::max(minBpm_, bpm * (1.0 - span));
-        const double hi = std::min(maxBpm_, bpm * (1.0 + span));
-        double best = std::clamp(bpm, minBpm_, maxBpm_), bestScore = comb(best);
-        const double step = 2.0e-5;
-        for (double b = lo; b <= hi; b *= 1.0 + step) {
-            const double s = comb(b);
-            if (s > bestScore) {
-                bestScore = s;
-                best = b;
+    double score(double bpm) const { return comb(bpm) * tempoPrior(bpm); }
+
+    // Mean power of the envelope's spectrum at the first four harmonics of
+    // the tempo, read off the autocorrelation (tapered to the lags it has).
+    double harmonics(double bpm) const {
+        const double last = static_cast<double>(smooth_.size() - 1);
+        double sum = 0.0;
+        for (int h = 1; h <= 4; ++h) {
+            const double w = 2.0 * kPi * h * bpm / 60.0 / fr_;
+            double s = 0.0;
+            for (size_t l = 1; l < smooth_.size(); ++l) {
+                const double lag = static_cast<double>(l);
+                s += smooth_[l] * (0.5 + 0.5 * std::cos(kPi * lag / last)) * std::cos(w * lag);
             }
+            sum += std::max(0.0, smooth_[0] + 2.0 * s);
+        }
+        return sum / 4.0;
+    }
+
+    // Best comb score within +-span (relative) of bpm, kept inside [lo, hi]:
+    // a coarse pass, then a fine one around its best point.
+    double refine(double bpm, double span, double lo, double hi) const {
+        double best = std::clamp(bpm, lo, hi), bestScore = comb(best);
+        for (const double step : {1.0e-4, 1.0e-5}) {
+            const double centre = best;
+            const double from = std::max(lo, centre * (1.0 - span));
+            const double to = std::min(hi, centre * (1.0 + span));
+            for (double b = from; b <= to; b *= 1.0 + step) {
+                const double s = comb(b);
+                if (s > bestScore) {
+                    bestScore = s;
+                    best = b;
+                }
+            }
+            span = std::min(span, 1.5e-4);
         }
         return best;
     }
@@ -420,6 +541,8 @@ class TempoSearch {
     double fr_;
     double minBpm_;
     double maxBpm_;
+    double lowBpm_ = 0.0;  // the band searched for the reference level
+    double highBpm_ = 0.0;
     size_t maxLag_ = 0;
     std::vector<float> cond_;
     std::vector<float> dilated_;

@@ -78,8 +78,10 @@ class OnsetDetector {
     std::unique_ptr<Transform> fft_;
 };
 
-// Tempo in BPM searched within [minBpm, maxBpm]; 0 when nothing periodic is
-// found or the envelope is too short for the slowest tempo asked for.
+// Tempo in BPM within [minBpm, maxBpm]: the beat, or its octave when the beat
+// lies outside the range. However weak the evidence, the best candidate; 0
+// only when the envelope holds no repeated onsets (silence, a steady tone) or
+// is too short for the slowest tempo asked for. Cost linear in `count`.
 double estimateTempo(const float* envelope, size_t count, double frameRate, double minBpm, double maxBpm);
 
 // Beat times in seconds from the envelope's first value, latency applied,
@@ -95,7 +97,7 @@ class LiveTracker {
 
     void push(const float* env, size_t n);
     void reset();
-    // 0 until about 3 s have arrived or while nothing periodic is found. A
+    // 0 until about 3 s have arrived or while there are no onsets to time. A
     // reading an octave (or a 3:2) away from the previous one is accepted only
     // once it has persisted for a while, so the beat grid does not flap.
     double tempo(double minBpm, double maxBpm);

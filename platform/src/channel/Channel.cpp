@@ -576,6 +576,8 @@ HDSP Channel::addDspEntry(std::shared_ptr<DspEntry> entry) {
     std::shared_ptr<const std::vector<std::shared_ptr<DspEntry>>> old;
     {
         std::lock_guard lock(listMutex_);
+        // free() marks the channel before it clears the lists under this lock.
+        if (freed_.load()) return failWith<HDSP>(BASS_ERROR_HANDLE, 0);
         entry->order = ++dspOrder_;
         auto next = std::make_shared<std::vector<std::shared_ptr<DspEntry>>>();
         for (const auto& d : *dsps_)
@@ -630,6 +632,7 @@ HSYNC Channel::addSync(DWORD type, QWORD param, SYNCPROC* proc, void* user) {
     s->proc = proc;
     s->user = user;
     std::lock_guard lock(listMutex_);
+    if (freed_.load()) return failWith<HSYNC>(BASS_ERROR_HANDLE, 0); // see addDspEntry
     auto next = std::make_shared<std::vector<std::shared_ptr<SyncEntry>>>();
     for (const auto& e : *syncs_)
         if (!e->removed.load()) next->push_back(e);

@@ -1,7 +1,8 @@
 // Analysis costs: the normaliser core on stereo 44.1 kHz blocks, a spectrum
-// read of a playing stream, and the offline tempo and loudness scans of a
-// 5-minute MP3 (decoding included), each reported as a real-time factor
-// where that is the figure of merit.
+// read of a playing stream, the offline tempo and loudness scans of a
+// 5-minute MP3 (decoding included), and the offline tempo and beat scans of a
+// 2-hour stream (no decoding: a drum loop copied out of memory), each
+// reported as a real-time factor where that is the figure of merit.
 #include <bass.h>
 #include <bass_fx.h>
 #include <benchmark/benchmark.h>
@@ -10,6 +11,7 @@
 #include <tavro/analysis/TavroLoudness.hpp>
 #include <tavro/sources/TavroFileSource.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -115,6 +117,59 @@ void BM_OfflineTempo5Min(benchmark::State& state) {
         benchmark::Counter(kTrackSeconds * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
+// A decoding stream that repeats one minute of the drum loop (124 beats, so
+// the seams fall on the beat) for as long as it is read.
+struct Loop {
+    std::vector<float> pcm = drumLoop(60.0);
+    size_t pos = 0;
+};
+
+DWORD loopProc(HSTREAM, void* buffer, DWORD length, void* user) {
+    auto* loop = static_cast<Loop*>(user);
+    auto* out = static_cast<float*>(buffer);
+    for (size_t i = 0, n = length / sizeof(float); i < n;) {
+        const size_t take = std::min(n - i, loop->pcm.size() - loop->pos);
+        std::copy_n(loop->pcm.data() + loop->pos, take, out + i);
+        i += take;
+        loop->pos = (loop->pos + take) % loop->pcm.size();
+    }
+    return length;
+}
+
+constexpr double kLongSeconds = 2 * 3600;
+
+void BM_OfflineTempo2Hours(benchmark::State& state) {
+    Platform platform;
+    Loop loop;
+    float bpm = 0;
+    for (auto _ : state) {
+        loop.pos = 0;
+        HSTREAM h = BASS_StreamCreate(kRate, 2, BASS_STREAM_DECODE | BASS_SAMPLE_FLOAT, loopProc, &loop);
+        bpm = BASS_FX_BPM_DecodeGet(h, 0, kLongSeconds, (180u << 16) | 60u, 0, nullptr, nullptr);
+        BASS_StreamFree(h);
+    }
+    state.counters["bpm"] = bpm;
+    state.counters["realtime_x"] = benchmark::Counter(kLongSeconds * static_cast<double>(state.iterations()),
+                                                      benchmark::Counter::kIsRate);
+}
+
+void BM_OfflineBeats2Hours(benchmark::State& state) {
+    Platform platform;
+    Loop loop;
+    size_t beats = 0;
+    for (auto _ : state) {
+        loop.pos = 0;
+        beats = 0;
+        HSTREAM h = BASS_StreamCreate(kRate, 2, BASS_STREAM_DECODE | BASS_SAMPLE_FLOAT, loopProc, &loop);
+        BASS_FX_BPM_BeatDecodeGet(
+            h, 0, kLongSeconds, 0, [](DWORD, double, void* user) { ++*static_cast<size_t*>(user); }, &beats);
+        BASS_StreamFree(h);
+    }
+    state.counters["beats"] = static_cast<double>(beats);
+    state.counters["realtime_x"] = benchmark::Counter(kLongSeconds * static_cast<double>(state.iterations()),
+                                                      benchmark::Counter::kIsRate);
+}
+
 void BM_OfflineLoudness5Min(benchmark::State& state) {
     Platform platform;
     const auto source = TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(trackPath()));
@@ -130,5 +185,7 @@ void BM_OfflineLoudness5Min(benchmark::State& state) {
 BENCHMARK(BM_NormalizerCore);
 BENCHMARK(BM_SpectrumRead2048);
 BENCHMARK(BM_OfflineTempo5Min)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_OfflineTempo2Hours)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_OfflineBeats2Hours)->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_OfflineLoudness5Min)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK_MAIN();

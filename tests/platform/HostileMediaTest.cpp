@@ -48,9 +48,9 @@ class HostileMediaTest : public NoSoundTest {
 
     // Decodes in 16-bit, in reads whose buffers are exactly as long as asked
     // (an over-long write shows under AddressSanitizer); returns frames.
-    static size_t decode16(HSTREAM h, DWORD chans, int maxReads = 100000) {
+    static size_t decode16(HSTREAM h, DWORD chans) {
         size_t frames = 0;
-        for (int i = 0; i < maxReads; ++i) {
+        for (int i = 0; i < 100000; ++i) {
             std::vector<int16_t> buf(1000 * chans);
             const DWORD got = BASS_ChannelGetData(h, buf.data(), static_cast<DWORD>(buf.size() * 2));
             if (got == 0xFFFFFFFF || got == 0) break;
@@ -109,33 +109,18 @@ TEST_F(HostileMediaTest, FormatChangesMidStreamKeepTheAnnouncedFormat) {
     BASS_StreamFree(h);
 }
 
-// Files that broke the opener: each opens or fails cleanly, decodes to its
-// end, seeks and loops without hanging.
-TEST_F(HostileMediaTest, FilesThatBrokeTheOpenerDecodeSeekAndLoopToAnEnd) {
-    for (const char* name : {"wv_loop_hang.wv", "flac_streaminfo6ch_frames2ch.flac", "mp3_mono_stereo_mutated.mp3"}) {
-        SCOPED_TRACE(name);
-        const auto bytes = readFile(sharedHostile(name));
-        ASSERT_FALSE(bytes.empty());
-        for (DWORD flags : {DWORD(0), DWORD(BASS_SAMPLE_LOOP), DWORD(BASS_STREAM_PRESCAN | BASS_SAMPLE_MONO)}) {
-            auto run = std::async(std::launch::async, [&] {
-                HSTREAM h = BASS_StreamCreateFile(TRUE, bytes.data(), 0, bytes.size(), BASS_STREAM_DECODE | flags);
-                if (!h) return true;
-                BASS_CHANNELINFO info{};
-                BASS_ChannelGetInfo(h, &info);
-                // Looping decodes forever by design: bounded reads show it still returns.
-                decode16(h, info.chans, 500);
-                BASS_ChannelSetPosition(h, BASS_ChannelGetLength(h, BASS_POS_BYTE) / 2, BASS_POS_BYTE);
-                decode16(h, info.chans, 500);
-                for (DWORD t : {BASS_TAG_ID3, BASS_TAG_ID3V2, BASS_TAG_APE, BASS_TAG_OGG}) BASS_ChannelGetTags(h, t);
-                return BASS_StreamFree(h) != FALSE;
-            });
-            ASSERT_EQ(run.wait_for(std::chrono::seconds(30)), std::future_status::ready) << "flags " << flags;
-            EXPECT_TRUE(run.get());
-        }
-    }
-    // A looping restart that gives nothing ends the stream, played too:
-    // stopping it returns, and other channels keep playing meanwhile.
+// A looping file whose restart yields no audio ends instead of spinning,
+// played too: stopping it returns, and other channels keep playing meanwhile.
+// (Decoding, seeking and looping every saved hostile input is the fuzz replay's.)
+TEST_F(HostileMediaTest, ALoopThatYieldsNothingEndsAndOthersPlayOn) {
     const auto wv = readFile(sharedHostile("wv_loop_hang.wv"));
+    HSTREAM d = BASS_StreamCreateFile(TRUE, wv.data(), 0, wv.size(), BASS_SAMPLE_LOOP | BASS_STREAM_DECODE);
+    ASSERT_NE(d, 0u);
+    BASS_CHANNELINFO info{};
+    BASS_ChannelGetInfo(d, &info);
+    decode16(d, info.chans);
+    EXPECT_EQ(BASS_ChannelIsActive(d), static_cast<DWORD>(BASS_ACTIVE_STOPPED));
+    BASS_StreamFree(d);
     HSTREAM h = BASS_StreamCreateFile(TRUE, wv.data(), 0, wv.size(), BASS_SAMPLE_LOOP);
     ASSERT_NE(h, 0u);
     HSTREAM other = pushStream(44100, 2, 0, sine(440, 44100, 44100 * 3, 2, 0.1f), true);

@@ -302,10 +302,13 @@ size_t Channel::fillRing(size_t target) {
     std::lock_guard lock(renderMutex_);
     if (!voice() || freed_.load()) return 0;
     size_t total = 0;
-    FrameRing& ring = voice()->ring;
+    Voice& v = *voice();
+    FrameRing& ring = v.ring;
     target = std::min(target, ring.capacity());
-    while (ring.available() < target && !ended_.load()) {
-        size_t n = std::min(target - ring.available(), kMaxBlockFrames);
+    // Audio a flush is about to drop does not count: after a seek the ring
+    // fills at once rather than an update period later.
+    while (v.aheadAfterFlush() < target && !ended_.load()) {
+        size_t n = std::min(target - v.aheadAfterFlush(), kMaxBlockFrames);
         float* region = ring.writeRegion(n);
         if (n == 0) break;
         renderingToRing_ = true;

@@ -24,6 +24,13 @@ void Voice::requestFlush(uint64_t pos) {
     flushGen_.store(gen, std::memory_order_release);
 }
 
+size_t Voice::aheadAfterFlush() const {
+    if (flushGen_.load(std::memory_order_acquire) == flushAck_.load(std::memory_order_acquire)) return ring.available();
+    const uint64_t from = flush_.load().discardTo;
+    const uint64_t written = ring.written();
+    return written > from ? static_cast<size_t>(written - from) : 0;
+}
+
 void Voice::pushMarker(uint64_t at, double pos, double rate) {
     markers.push({at, pos, rate, flushGen_.load(std::memory_order_relaxed)});
 }

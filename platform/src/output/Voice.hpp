@@ -84,6 +84,9 @@ class Voice {
     uint32_t flushGeneration() const { return flushGen_.load(std::memory_order_acquire); }
     // Frames buffered ahead of what is heard.
     size_t buffered() const { return ring.available() + resampler_.pending(); }
+    // Renderer side: frames in the ring that will still be played, once a
+    // flush the device has not taken yet has dropped what it drops.
+    size_t aheadAfterFlush() const;
 
   private:
     size_t pull(float* dst, size_t frames);

@@ -1,5 +1,6 @@
 #include "DrumTracks.hpp"
 #include "MediaFixtures.hpp"
+#include "PlatformFixture.hpp"
 #include "bpm/BeatAnalysis.hpp"
 
 #include <gtest/gtest.h>
@@ -108,15 +109,6 @@ LiveRun runLive(const DrumTrack& t) {
     return run;
 }
 
-std::string runCommand(const std::string& cmd) {
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[256];
-        while (std::fgets(buf, sizeof buf, p)) out += buf;
-        pclose(p);
-    }
-    return out;
-}
 
 } // namespace
 

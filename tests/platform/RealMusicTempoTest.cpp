@@ -55,15 +55,6 @@ const Recording kOthers[] = {
 #undef SECTOID
 #undef BLUPI
 
-std::string run(const std::string& cmd) {
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[256];
-        while (std::fgets(buf, sizeof buf, p)) out += buf;
-        pclose(p);
-    }
-    return out;
-}
 
 bool installed(const char* tool) {
     return access(("/usr/bin/" + std::string(tool)).c_str(), X_OK) == 0;
@@ -76,11 +67,11 @@ void referenceTempos(const std::string& path, double& aubio, double& bpmTools) {
     char dir[] = "/tmp/realtempoXXXXXX";
     if (!mkdtemp(dir)) return;
     const std::string wav = std::string(dir) + "/excerpt.wav";
-    run("ffmpeg -nostdin -v error -y -t " + std::to_string(kSeconds) + " -i '" + path +
+    runCommand("ffmpeg -nostdin -v error -y -t " + std::to_string(kSeconds) + " -i '" + path +
         "' -ac 1 -ar 44100 '" + wav + "'");
-    if (installed("aubio")) aubio = std::atof(run("aubio tempo '" + wav + "' 2>/dev/null").c_str());
+    if (installed("aubio")) aubio = std::atof(runCommand("aubio tempo '" + wav + "' 2>/dev/null").c_str());
     if (installed("bpm"))
-        bpmTools = std::atof(run("ffmpeg -nostdin -v error -i '" + wav +
+        bpmTools = std::atof(runCommand("ffmpeg -nostdin -v error -i '" + wav +
                                  "' -f f32le -ac 1 -ar 44100 - | bpm -m 60 -x 180")
                                  .c_str());
     std::remove(wav.c_str());

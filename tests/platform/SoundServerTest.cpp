@@ -36,6 +36,17 @@ Measured measureSignal(const std::vector<float>& rec) {
     return m;
 }
 
+// A 48 kHz stereo float WAV of a 440 Hz tone, as 32-bit words in memory.
+std::vector<float> toneFile(double seconds) {
+    const auto tone = sine(440, 48000, static_cast<size_t>(seconds * 48000), 2, 0.5f);
+    const uint32_t bytes = static_cast<uint32_t>(tone.size() * 4);
+    const uint32_t hdr[] = {0x46464952, 36 + bytes, 0x45564157, 0x20746d66, 16, 0x00020003, 48000, 48000 * 8, 0x00200008, 0x61746164, bytes};
+    std::vector<float> file(11 + tone.size());
+    std::memcpy(file.data(), hdr, sizeof hdr);
+    std::memcpy(file.data() + 11, tone.data(), bytes);
+    return file;
+}
+
 class SoundServerTest : public ::testing::Test {
   protected:
     void SetUp() override { SKIP_WITHOUT_SOUND_SERVER(); }
@@ -58,8 +69,16 @@ class SoundServerTest : public ::testing::Test {
         return 0;
     }
     std::string monitor() const { return sink_ + ".monitor"; }
+    // The engine on this test's own sink and a tone of `seconds` ready to play there.
+    HSTREAM toneOnOwnSink(double seconds) {
+        const int device = ownSink();
+        if (device <= 0 || !BASS_Init(device, 48000, 0, nullptr, nullptr)) return 0;
+        tone_ = toneFile(seconds);
+        return BASS_StreamCreateFile(TRUE, tone_.data(), 0, tone_.size() * 4, BASS_SAMPLE_FLOAT);
+    }
 
     std::string sink_, module_;
+    std::vector<float> tone_;
 };
 
 } // namespace
@@ -90,7 +109,7 @@ TEST_F(SoundServerTest, VolumeAndPanReachTheSink) {
     const int device = ownSink();
     ASSERT_GT(device, 0);
     ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
-    MonitorRecorder rec(48000 * 3 / 2, monitor().c_str());
+    TimedRecorder rec(1.5, monitor());
     ASSERT_TRUE(rec.ok());
     const auto tone = sine(1000, 48000, 48000, 2, 0.8f);
     HSTREAM h = pushStream(48000, 2, BASS_STREAM_AUTOFREE, tone, true);
@@ -107,7 +126,7 @@ TEST_F(SoundServerTest, OtherRatesAreConvertedToTheDeviceRate) {
     const int device = ownSink();
     ASSERT_GT(device, 0);
     ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
-    MonitorRecorder rec(48000 * 3 / 2, monitor().c_str());
+    TimedRecorder rec(1.5, monitor());
     const auto tone = sine(1000, 44100, 44100, 1, 0.5f);
     HSTREAM h = pushStream(44100, 1, BASS_STREAM_AUTOFREE, tone, true);
     ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
@@ -205,17 +224,6 @@ struct CpuBurners {
     ~CpuBurners() { std::system("pkill -f \"while :; do :; done\""); }
 };
 
-// A 48 kHz stereo float WAV of a 440 Hz tone, as 32-bit words in memory.
-std::vector<float> toneFile(double seconds) {
-    const auto tone = sine(440, 48000, static_cast<size_t>(seconds * 48000), 2, 0.5f);
-    const uint32_t bytes = static_cast<uint32_t>(tone.size() * 4);
-    const uint32_t hdr[] = {0x46464952, 36 + bytes, 0x45564157, 0x20746d66, 16, 0x00020003, 48000, 48000 * 8, 0x00200008, 0x61746164, bytes};
-    std::vector<float> file(11 + tone.size());
-    std::memcpy(file.data(), hdr, sizeof hdr);
-    std::memcpy(file.data() + 11, tone.data(), bytes);
-    return file;
-}
-
 std::atomic<int> gEnds{0};
 double gEndAt[8];
 
@@ -226,12 +234,8 @@ double gEndAt[8];
 // by play alone or by a seek and play, plays the whole tail and then the
 // track again.
 TEST_F(SoundServerTest, EndReportComesJustBeforeTheHeardEndAndReplaysKeepTheTail) {
-    const int device = ownSink();
-    ASSERT_GT(device, 0);
-    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
-    const auto wav = toneFile(2.0);
-    HSTREAM h = BASS_StreamCreateFile(TRUE, wav.data(), 0, wav.size() * 4, BASS_SAMPLE_FLOAT);
-    ASSERT_NE(h, 0u);
+    HSTREAM h = toneOnOwnSink(2.0);
+    ASSERT_NE(h, 0u) << BASS_ErrorGetCode();
     gEnds = 0;
     ASSERT_NE(BASS_ChannelSetSync(h, BASS_SYNC_END | BASS_SYNC_MIXTIME, 0,
                                   [](HSYNC, DWORD, DWORD, void*) { gEndAt[gEnds.fetch_add(1) & 7] = TimedRecorder::now(); },
@@ -328,12 +332,8 @@ TEST_F(SoundServerTest, HeardPositionsAndSyncsMatchWhatLeavesTheSink) {
 // Seeks, relative seeks and a stop and play on a playing stream: what is
 // heard never drops out for 5 ms or more.
 TEST_F(SoundServerTest, SeeksOnAPlayingStreamNeverDropOut) {
-    const int device = ownSink();
-    ASSERT_GT(device, 0);
-    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
-    const auto wav = toneFile(10.0);
-    HSTREAM h = BASS_StreamCreateFile(TRUE, wav.data(), 0, wav.size() * 4, BASS_SAMPLE_FLOAT);
-    ASSERT_NE(h, 0u);
+    HSTREAM h = toneOnOwnSink(10.0);
+    ASSERT_NE(h, 0u) << BASS_ErrorGetCode();
     ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
     ASSERT_TRUE(waitFor([&] { return BASS_ChannelGetPosition(h, BASS_POS_BYTE) > 0; }, std::chrono::seconds(4)));
     TimedRecorder rec(3.5, monitor());
@@ -346,9 +346,13 @@ TEST_F(SoundServerTest, SeeksOnAPlayingStreamNeverDropOut) {
                                        : 1.0 + (seed >> 8) % 7000 / 1000.0;
         ASSERT_TRUE(BASS_ChannelSetPosition(h, BASS_ChannelSeconds2Bytes(h, at), BASS_POS_BYTE));
     }
+    const double stopAt = TimedRecorder::now();
     ASSERT_TRUE(BASS_ChannelStop(h));
     ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
     const auto runs = signalRuns(rec.finish(), 240);
     BASS_StreamFree(h);
     EXPECT_EQ(runs.size(), 1u) << "the sound stopped " << (runs.empty() ? 0 : runs.size() - 1) << " times";
+    for (size_t i = 1; i < runs.size(); ++i)
+        std::printf("gap of %.1f ms, %.0f ms before the stop and play\n", static_cast<double>(runs[i].first - runs[i - 1].second) / 48,
+                    (stopAt - rec.timeOf(static_cast<double>(runs[i - 1].second))) * 1000);
 }

@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -35,6 +37,17 @@ inline bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return pred();
+}
+
+// What a shell command prints (reference tools in the comparisons).
+inline std::string runCommand(const std::string& cmd) {
+    std::string out;
+    if (FILE* p = popen(cmd.c_str(), "r")) {
+        char buf[256];
+        while (std::fgets(buf, sizeof buf, p)) out += buf;
+        pclose(p);
+    }
+    return out;
 }
 
 inline HSTREAM pushStream(DWORD freq, DWORD chans, DWORD flags, const std::vector<float>& data, bool end) {

@@ -301,14 +301,23 @@ uint64_t Channel::blockRingIndex() const {
 size_t Channel::fillRing(size_t target) {
     std::lock_guard lock(renderMutex_);
     if (!voice() || freed_.load()) return 0;
-    size_t total = 0;
+    return renderAhead(target);
+}
+
+size_t Channel::ringTarget() const { return static_cast<size_t>(uint64_t(freq_) * Config::value(BASS_CONFIG_BUFFER) / 1000); }
+
+size_t Channel::renderAhead(size_t target, uint64_t from) {
     Voice& v = *voice();
     FrameRing& ring = v.ring;
     target = std::min(target, ring.capacity());
-    // Audio a flush is about to drop does not count: after a seek the ring
-    // fills at once rather than an update period later.
-    while (v.aheadAfterFlush() < target && !ended_.load()) {
-        size_t n = std::min(target - v.aheadAfterFlush(), kMaxBlockFrames);
+    // Audio a flush is about to drop does not count.
+    auto ahead = [&]() -> size_t {
+        if (from == UINT64_MAX) return v.aheadAfterFlush();
+        return static_cast<size_t>(ring.written() - from);
+    };
+    size_t total = 0;
+    while (ahead() < target && !ended_.load()) {
+        size_t n = std::min(target - ahead(), kMaxBlockFrames);
         float* region = ring.writeRegion(n);
         if (n == 0) break;
         renderingToRing_ = true;
@@ -321,6 +330,11 @@ size_t Channel::fillRing(size_t target) {
         if (got < n) break;
     }
     return total;
+}
+
+void Channel::flushBehindNewAudio(uint64_t heardFrame, uint64_t from) {
+    if (state() == ChannelState::Playing) renderAhead(ringTarget(), from);
+    voice()->requestFlush(heardFrame, from);
 }
 
 // ---------------------------------------------------------------- transport
@@ -347,16 +361,19 @@ bool Channel::play(bool restart) {
         const bool wasEnded = ended_.load() && state() == ChannelState::Stopped;
         const bool draining = ended_.load() && state() == ChannelState::Playing;
         if (restart || wasEnded || draining) {
+            const uint64_t from = voice() ? voice()->ring.written() : 0;
             if (seekable()) {
                 if (!seekFramesLocked(startFrame(), 0)) return false;
             } else {
                 onRestart();
             }
-            if (voice() && (restart || !draining)) voice()->requestFlush(static_cast<uint64_t>(outputPosition()));
+            if (voice() && (restart || !draining)) flushBehindNewAudio(static_cast<uint64_t>(outputPosition()), from);
         }
         if (state() == ChannelState::Playing && !restart) return succeed();
         ensureVoice();
         state_.store(ChannelState::Playing, std::memory_order_release);
+        // The first audio is in the ring before the device sees the channel.
+        renderAhead(ringTarget());
     }
     device_->attach(shared_from_this());
     Device::wakeUpdater();
@@ -440,11 +457,12 @@ bool Channel::setPosition(QWORD pos, DWORD mode) {
     std::lock_guard lock(renderMutex_);
     const bool reentrant = currentRenderChannel() == this;
     const bool draining = ended_.load() && state() == ChannelState::Playing;
+    const uint64_t from = voice() ? voice()->ring.written() : 0;
     if (!seekFramesLocked(frame, mode)) return false;
     // A sync inside the render moved us, or the source had ended and its
     // tail is being played out: what was rendered is still to be heard, so
     // no flush; the next output starts a marker.
-    if (voice() && !(reentrant && renderingToRing_) && !draining) voice()->requestFlush(frame);
+    if (voice() && !(reentrant && renderingToRing_) && !draining) flushBehindNewAudio(frame, from);
     if (state() == ChannelState::Playing) Device::wakeUpdater();
     return succeed();
 }

@@ -109,6 +109,8 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     bool ended() const { return ended_.load(std::memory_order_acquire); }
     // Tops up the playback ring (update thread). Returns frames written.
     size_t fillRing(size_t targetFrames);
+    // Frames the update thread keeps in the ring.
+    size_t ringTarget() const;
 
     // ---- transport ----
     bool play(bool restart);
@@ -219,6 +221,13 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
 
   private:
     void renderLocked(float* out, size_t frames, size_t& done);
+    // Renders into the ring until `target` frames lie ahead of ring index
+    // `from` (or, by default, ahead of what is heard once a pending flush is
+    // taken). Render lock held.
+    size_t renderAhead(size_t target, uint64_t from = UINT64_MAX);
+    // A jump of a playing channel: its new audio goes into the ring before
+    // the flush of the old is published, so the device never finds it empty.
+    void flushBehindNewAudio(uint64_t heardFrame, uint64_t from);
     void runDsps(const std::vector<std::shared_ptr<DspEntry>>& dsps, float* buf, size_t frames);
     void fireSync(SyncEntry& s, DWORD data, uint64_t heardAhead = 0);
     bool judgePositionSyncs(const std::vector<std::shared_ptr<SyncEntry>>& syncs);

@@ -78,7 +78,7 @@ class Updater {
             const DWORD bufferMs = Config::value(BASS_CONFIG_BUFFER);
             for (auto& ch : work) {
                 if (ch->state() != ChannelState::Playing || ch->ended() || ch->isFreed()) continue;
-                ch->fillRing(static_cast<size_t>(uint64_t(ch->freq()) * bufferMs / 1000));
+                ch->fillRing(ch->ringTarget());
             }
             work.clear(); // release references before sleeping
             DWORD period = Config::value(BASS_CONFIG_UPDATEPERIOD);

@@ -18,9 +18,9 @@ Voice::Voice(Channel& channel, size_t ringFrames, size_t historyFrames, int srcQ
     heardPos_.store(static_cast<uint64_t>(std::max(0.0, channel.outputPosition())));
 }
 
-void Voice::requestFlush(uint64_t pos) {
+void Voice::requestFlush(uint64_t pos, uint64_t discardTo) {
     const uint32_t gen = flushGen_.load(std::memory_order_relaxed) + 1;
-    flush_.store({ring.written(), pos, gen});
+    flush_.store({std::min(discardTo, ring.written()), pos, gen});
     flushGen_.store(gen, std::memory_order_release);
 }
 
@@ -100,19 +100,24 @@ void Voice::applyFlush() {
     const uint32_t gen = flushGen_.load(std::memory_order_acquire);
     if (gen == flushAck_.load(std::memory_order_relaxed)) return;
     const FlushRequest f = flush_.load();
+    // What lies before discardTo is dropped with its markers and events.
     while (const RingMarker* m = markers.front()) {
-        if (m->gen >= f.gen) break;
+        if (m->at >= f.discardTo) break;
         markers.pop();
     }
     while (const HeardEvent* e = events.front()) {
         if (e->at >= f.discardTo) break;
         events.pop();
     }
-    heardPos_.store(f.pos, std::memory_order_release);
-    heardRate_ = 1;
-    heardFrac_ = 0;
-    ring.skipTo(f.discardTo);
-    resampler_.reset();
+    // Already into the audio kept (it followed the old without a gap): its
+    // markers have placed the heard position.
+    if (ring.readPos() <= f.discardTo) {
+        heardPos_.store(f.pos, std::memory_order_release);
+        heardRate_ = 1;
+        heardFrac_ = 0;
+        ring.skipTo(f.discardTo);
+        resampler_.reset();
+    }
     tail_ = 0;
     flushAck_.store(f.gen, std::memory_order_release);
 }

@@ -69,8 +69,11 @@ class Voice {
     SpscQueue<RingMarker> markers{1024};
     SpscQueue<HeardEvent> events{1024};
 
-    // Renderer side: drop what is buffered and restart the heard position.
-    void requestFlush(uint64_t pos);
+    // Renderer side: drop what is buffered before ring index `discardTo`
+    // (everything written so far by default) and restart the heard position
+    // there. Audio written from `discardTo` on before the request is kept, so
+    // a seek can put its new audio in place before the device drops the old.
+    void requestFlush(uint64_t pos, uint64_t discardTo = UINT64_MAX);
     // Renderer side: a new mapping from ring frames to positions starts at `at`.
     void pushMarker(uint64_t at, double pos, double rate);
     // Mixes up to `frames` device frames into a stereo buffer (adds).

@@ -36,10 +36,11 @@ inline float undenormal(float v) {
 
 // An eight-line feedback delay network per channel, mixed through a
 // normalised Hadamard matrix. Each line's loss gives the set reverb time at
-// low frequencies, and a one-pole low-pass in the loop gives it `ratio` times
-// that at the top of the band. Lengths differ per channel so that channels
+// low frequencies, and a first-order shelf in the loop gives the highs (above
+// about 4 kHz) `ratio` times that. Lengths differ per channel so that channels
 // decorrelate.
 constexpr int kLines = 8;
+constexpr double kShelfHz = 4000; // where the high-frequency ratio takes over
 constexpr std::array<int, kLines> kLineLengths = {1433, 1601, 1867, 2053,
                                                   2251, 2399, 2617, 2797}; // at 44.1 kHz
 
@@ -48,7 +49,8 @@ struct Reverb {
     using State = BASS_DX8_REVERB;
     Reverb(double rate, unsigned chans)
         : rate_(rate), chans_(chans), lines_(size_t(chans) * kLines), lp_(size_t(chans) * kLines, 0.0f),
-          len_(size_t(chans) * kLines), loss_(len_.size(), 0.0f), damp_(len_.size(), 0.0f) {
+          len_(size_t(chans) * kLines), loss_(len_.size(), 0.0f), high_(len_.size(), 0.0f),
+          shelf_(static_cast<float>(std::exp(-2 * M_PI * std::min(kShelfHz, 0.45 * rate) / rate))) {
         for (unsigned c = 0; c < chans; ++c)
             for (int l = 0; l < kLines; ++l) {
                 const auto n =
@@ -72,12 +74,12 @@ struct Reverb {
         const double t = s.fReverbTime / 1000.0 * rate_;
         for (size_t i = 0; i < len_.size(); ++i) {
             const double g = std::pow(10.0, -3 * len_[i] / t);
-            // The extra loss at the top, as a ratio to the loss at DC (in the
-            // log domain, so that very short times give 0 rather than 0/0).
+            // The extra loss of the highs, as a ratio to the loss at DC (in
+            // the log domain, so that very short times give 0 rather than 0/0).
             const double r =
                 std::pow(10.0, -3 * len_[i] / t * (1 / static_cast<double>(s.fHighFreqRTRatio) - 1));
             loss_[i] = static_cast<float>(g);
-            damp_[i] = static_cast<float>((1 - r) / (1 + r));
+            high_[i] = static_cast<float>(r);
         }
     }
     void run(float* f, size_t n) {
@@ -88,10 +90,13 @@ struct Reverb {
                 const size_t base = size_t(c) * kLines;
                 for (int l = 0; l < kLines; ++l) {
                     const size_t k = base + size_t(l);
-                    // Loss and high-frequency damping of this line's round trip.
+                    // Loss and high-frequency damping of this line's round trip:
+                    // a shelf that keeps what lies below its corner and scales
+                    // what lies above, so even the lowest ratio leaves the
+                    // lows their full reverb time.
                     const float y = lines_[k].out() * loss_[k];
-                    lp_[k] = undenormal(y * (1 - damp_[k]) + lp_[k] * damp_[k]);
-                    v[size_t(l)] = lp_[k];
+                    lp_[k] = undenormal(y * (1 - shelf_) + lp_[k] * shelf_);
+                    v[size_t(l)] = lp_[k] + high_[k] * (y - lp_[k]);
                 }
                 float wet = 0;
                 for (int l = 0; l < kLines; ++l)
@@ -126,7 +131,8 @@ struct Reverb {
     std::vector<Line> lines_;
     std::vector<float> lp_;
     std::vector<double> len_;
-    std::vector<float> loss_, damp_;
+    std::vector<float> loss_, high_; // per line: gain at DC, and the highs' share of it
+    const float shelf_;              // pole of the shelf's one-pole split
     float inGain_ = 1, mix_ = 1;
 };
 

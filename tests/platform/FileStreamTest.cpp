@@ -161,10 +161,11 @@ TEST_F(FileStreamTest, SeeksLandOnTheExactFrame) {
             ASSERT_EQ(BASS_ChannelGetData(h, got, sizeof got | BASS_DATA_FLOAT), sizeof got);
             const size_t frame = static_cast<size_t>(std::floor(t * kRate + 1e-7));
             EXPECT_EQ(frame, bytes / 8);
-            if (std::string(name).ends_with(".opus") || std::string(name).ends_with(".m4a")) {
+            if (std::string(name).ends_with(".opus") || (std::string(name).ends_with(".m4a") && t != 0.0)) {
                 // Opus, and AAC with noise substitution, converge after a seek's
                 // preroll but not to the bit: the frame is right when no other
-                // lag matches better.
+                // lag matches better. Back at the start AAC decodes as it did
+                // the first time.
                 auto mismatch = [&](long lag) {
                     double e = 0;
                     for (long i = 0; i < 1024; ++i) {
@@ -183,6 +184,12 @@ TEST_F(FileStreamTest, SeeksLandOnTheExactFrame) {
             }
             for (size_t i = 0; i < 1024; ++i) ASSERT_EQ(got[i], whole[frame * 2 + i]) << "at t=" << t << " sample " << i;
         }
+        BASS_StreamFree(h);
+        // Looping the whole file: the second pass starts exactly as the first.
+        h = open(path, BASS_SAMPLE_LOOP);
+        std::vector<float> looped(whole.size() + 2048);
+        ASSERT_EQ(BASS_ChannelGetData(h, looped.data(), static_cast<DWORD>(looped.size() * 4) | BASS_DATA_FLOAT), looped.size() * 4);
+        for (size_t i = 0; i < 2048; ++i) ASSERT_EQ(looped[whole.size() + i], whole[i]) << "after the loop, sample " << i;
         BASS_StreamFree(h);
     }
 }

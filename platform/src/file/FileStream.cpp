@@ -130,6 +130,7 @@ std::string apeTags(MediaInput& in, bool hasId3v1) {
 struct Decoder {
     std::unique_ptr<MediaInput> input;
     AVFormatContext* fmt = nullptr;
+    const AVCodec* codecDef = nullptr;
     AVCodecContext* codec = nullptr;
     SwrContext* swr = nullptr;
     // What the converter was built for: a frame in any other layout, rate or
@@ -155,6 +156,9 @@ struct Decoder {
     bool exact = true; // the sample count is known exactly (not an estimate after a seek)
     int seekRetries = 0;
     int64_t firstPacketPos = -1; // where the first audio packet starts (the way back to sample 0)
+    // Its timestamp: priming packets (the encoder delay of AAC in MP4) lie
+    // before the stream's start time, and a seek to the start would skip them.
+    int64_t firstPacketTs = AV_NOPTS_VALUE;
 
     // Streams of self-contained frames without a container: timestamps after
     // a seek are estimates, but a byte position reaches any frame exactly.
@@ -162,14 +166,29 @@ struct Decoder {
         return family.mpegAudio || family.ctype == BASS_CTYPE_STREAM_AAC || family.ctype == BASS_CTYPE_STREAM_AC3;
     }
 
+    // A decoder in the state it has at open. Encoder delay and padding are
+    // trimmed here, not by the decoder: the delay belongs to the start of the
+    // stream only, and a decoder that has just been flushed for a seek cannot tell.
+    bool openCodec() {
+        avcodec_free_context(&codec);
+        codec = avcodec_alloc_context3(codecDef);
+        if (!codec || avcodec_parameters_to_context(codec, fmt->streams[stream]->codecpar) < 0) return false;
+        codec->pkt_timebase = fmt->streams[stream]->time_base;
+        codec->flags2 |= AV_CODEC_FLAG2_SKIP_MANUAL;
+        return avcodec_open2(codec, codecDef, nullptr) >= 0;
+    }
+
     // Back to the first audio packet. Raw frame streams go there by byte: a
-    // timestamp seek may land on an information frame before it.
+    // timestamp seek may land on an information frame before it. The decoder
+    // starts afresh, so the start decodes exactly as it did the first time
+    // (a flush leaves some decoders' state, such as a noise generator's, as it was).
     void rewind() {
         if (firstPacketPos >= 0 && rawFrames())
             av_seek_frame(fmt, stream, firstPacketPos, AVSEEK_FLAG_BYTE);
         else
-            av_seek_frame(fmt, stream, streamStart(), AVSEEK_FLAG_BACKWARD);
-        avcodec_flush_buffers(codec);
+            av_seek_frame(fmt, stream, firstPacketTs != AV_NOPTS_VALUE ? std::min(firstPacketTs, streamStart()) : streamStart(),
+                          AVSEEK_FLAG_BACKWARD);
+        if (!openCodec() && codec) avcodec_flush_buffers(codec);
         draining = false;
     }
 
@@ -279,15 +298,8 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
     const int announced = (flags & BASS_SAMPLE_MONO) ? 1 : chans;
     if (!formatWithinLimits(static_cast<uint64_t>(st->codecpar->sample_rate), static_cast<uint64_t>(announced)))
         return failWith<Result>(BASS_ERROR_FORMAT, nullptr);
-    dec->codec = avcodec_alloc_context3(codec);
-    if (!dec->codec || avcodec_parameters_to_context(dec->codec, st->codecpar) < 0)
-        return failWith<Result>(BASS_ERROR_MEM, nullptr);
-    dec->codec->pkt_timebase = st->time_base;
-    // Encoder delay and padding are trimmed here, not by the decoder: the
-    // delay belongs to the start of the stream only, and a decoder that has
-    // just been flushed for a seek cannot tell.
-    dec->codec->flags2 |= AV_CODEC_FLAG2_SKIP_MANUAL;
-    if (avcodec_open2(dec->codec, codec, nullptr) < 0) return failWith<Result>(BASS_ERROR_CODEC, nullptr);
+    dec->codecDef = codec;
+    if (!dec->openCodec()) return failWith<Result>(BASS_ERROR_CODEC, nullptr);
     dec->tb = st->time_base;
     dec->rate = dec->codec->sample_rate;
     dec->outChans = (flags & BASS_SAMPLE_MONO) ? 1 : dec->codec->ch_layout.nb_channels;
@@ -377,6 +389,7 @@ const char* FileStream::tags(DWORD type) const {
 
 bool FileStream::decodeFrame() {
     Decoder& d = *dec_;
+    if (!d.codec) return false; // a decoder that could not be made again
     // Bounded so corrupt data can never spin forever.
     for (int guard = 0; guard < 100000; ++guard) {
         int r = avcodec_receive_frame(d.codec, d.frame);
@@ -448,6 +461,7 @@ bool FileStream::decodeFrame() {
         }
         if (d.pkt->stream_index == d.stream) {
             if (d.firstPacketPos < 0) d.firstPacketPos = d.pkt->pos;
+            if (d.firstPacketTs == AV_NOPTS_VALUE) d.firstPacketTs = d.pkt->dts != AV_NOPTS_VALUE ? d.pkt->dts : d.pkt->pts;
             avcodec_send_packet(d.codec, d.pkt); // bad packets are skipped
         }
         av_packet_unref(d.pkt);

@@ -138,17 +138,17 @@ void Device::render(float* out, size_t frames, int64_t delayNs) {
     const int64_t now = monotonicNs();
     const uint64_t index = framesRendered_.load(std::memory_order_relaxed);
     // Where the previous block puts this one, when the output keeps its pace.
-    const HeardClock prev = heardClock_.load();
-    const int64_t predicted = prev.ns + static_cast<int64_t>(static_cast<double>(index - prev.index) * 1e9 / rate_);
+    const BlockClock prev = heardClock_.load();
+    const int64_t predicted = prev.heardNs + static_cast<int64_t>(static_cast<double>(index - prev.index) * 1e9 / rate_);
     int64_t heardNs = now + std::max<int64_t>(0, delayNs);
-    if (prev.ns != 0 && delayNs < 0) {
+    if (prev.heardNs != 0 && delayNs < 0) {
         heardNs = predicted; // the output could not say: keep the pace
-    } else if (prev.ns != 0 && std::abs(heardNs - predicted) < 20'000'000) {
+    } else if (prev.heardNs != 0 && std::abs(heardNs - predicted) < 20'000'000) {
         // The output's reports jitter by a few milliseconds: follow them slowly.
         heardNs = predicted + (heardNs - predicted) / 8;
     }
     const BlockClock clock{index, heardNs, static_cast<double>(rate_)};
-    heardClock_.store({clock.index, clock.heardNs});
+    heardClock_.store(clock);
     const float gStream = static_cast<float>(Config::value(BASS_CONFIG_GVOL_STREAM)) / 10000.0f;
     const float gMusic = static_cast<float>(Config::value(BASS_CONFIG_GVOL_MUSIC)) / 10000.0f;
     const float gSample = static_cast<float>(Config::value(BASS_CONFIG_GVOL_SAMPLE)) / 10000.0f;
@@ -165,13 +165,8 @@ void Device::render(float* out, size_t frames, int64_t delayNs) {
 }
 
 double Device::frameHeardAt(int64_t nowNs) const {
-    const HeardClock c = heardClock_.load();
-    return static_cast<double>(c.index) + static_cast<double>(nowNs - c.ns) * 1e-9 * static_cast<double>(rate_);
-}
-
-int64_t Device::heardNsOfFrame(double index) const {
-    const HeardClock c = heardClock_.load();
-    return c.ns + static_cast<int64_t>((index - static_cast<double>(c.index)) * 1e9 / static_cast<double>(rate_));
+    const BlockClock c = heardClock_.load();
+    return static_cast<double>(c.index) + static_cast<double>(nowNs - c.heardNs) * 1e-9 * c.rate;
 }
 
 void Device::publishLocked() {

@@ -24,6 +24,14 @@ namespace tavro::platform {
 class Channel;
 class Device;
 
+// Where a device block lies in time: its first frame's device index, when
+// that frame is heard, and the device rate.
+struct BlockClock {
+    uint64_t index;
+    int64_t heardNs;
+    double rate;
+};
+
 class Backend {
   public:
     virtual ~Backend() = default;
@@ -51,10 +59,8 @@ class Device : public std::enable_shared_from_this<Device> {
     // the first frame of this block is heard that much later.
     void render(float* out, size_t frames, int64_t delayNs = 0);
     uint64_t framesRendered() const { return framesRendered_.load(std::memory_order_acquire); }
-    // The device frame (an index counted like framesRendered) being heard at
-    // `nowNs`, and the time at which a device frame is heard.
+    // The device frame (an index counted like framesRendered) being heard at `nowNs`.
     double frameHeardAt(int64_t nowNs) const;
-    int64_t heardNsOfFrame(double index) const;
 
     void attach(const std::shared_ptr<Channel>& ch);
     void detach(Channel& ch);
@@ -94,12 +100,7 @@ class Device : public std::enable_shared_from_this<Device> {
     std::atomic<const std::vector<Channel*>*> live_{nullptr};
     std::atomic<uint64_t> callbackSeq_{0}; // odd while render() runs
     std::atomic<uint64_t> framesRendered_{0};
-    // Device frame `index` is heard at `ns`: updated at every block.
-    struct HeardClock {
-        uint64_t index;
-        int64_t ns;
-    };
-    SeqLocked<HeardClock> heardClock_{HeardClock{0, 0}};
+    SeqLocked<BlockClock> heardClock_{BlockClock{0, 0, 1}}; // the last block's: updated at every block
 };
 
 // Gives the calling audio thread (rendering or mixing) real-time scheduling

@@ -32,7 +32,7 @@ size_t Voice::aheadAfterFlush() const {
 }
 
 void Voice::pushMarker(uint64_t at, double pos, double rate) {
-    markers.push({at, pos, rate, flushGen_.load(std::memory_order_relaxed)});
+    markers.push({at, pos, rate});
 }
 
 void Voice::advanceHeard(size_t frames) {

@@ -10,6 +10,7 @@
 
 #include "bass.h"
 #include "core/LockFree.hpp"
+#include "output/Device.hpp"
 #include "output/Resampler.hpp"
 
 #include <atomic>
@@ -26,21 +27,12 @@ struct RingMarker {
     uint64_t at;
     double pos;
     double rate;
-    uint32_t gen; // flush generation it was pushed in: older ones die with the flush
 };
 
 struct HeardEvent {
     uint64_t at; // ring index at which the event is heard
     HSYNC sync;
     DWORD data;
-};
-
-// Where a device block lies in time: its first frame's device index, when
-// that frame is heard, and the device rate.
-struct BlockClock {
-    uint64_t index;
-    int64_t heardNs;
-    double rate;
 };
 
 // What one device block took from the voice: from device frame `device` on,

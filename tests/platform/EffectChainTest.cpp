@@ -116,21 +116,30 @@ TEST_F(EffectChainTest, EffectsAndDspFunctionsRunInFallingPriority) {
     EXPECT_EQ(t.seen[1], 250);
 }
 
-TEST_F(EffectChainTest, BypassMakesAnEffectTransparent) {
+// Bypassing and removing crossfade over 10 ms (441 frames here); after that
+// the effect is out of the signal exactly.
+TEST_F(EffectChainTest, BypassAndRemovalMakeAnEffectTransparentAfterTheirCrossfade) {
     HSTREAM h = decoding(2);
     HFX fx = BASS_ChannelSetFX(h, BASS_FX_BFX_BQF, 0);
     BASS_BFX_BQF half{BASS_BFX_BQF_LOWSHELF, 20000, -6.0206f, 0, 0, 1, BASS_BFX_CHANALL};
     ASSERT_TRUE(BASS_FXSetParameters(fx, &half));
-    float buf[128];
-    BASS_ChannelGetData(h, buf, sizeof buf | BASS_DATA_FLOAT);
+    float buf[2 * 1024];
+    const auto pull = [&] { BASS_ChannelGetData(h, buf, sizeof buf | BASS_DATA_FLOAT); };
+    pull();
     EXPECT_NEAR(buf[126], 0.25f, 1e-3f);
     ASSERT_TRUE(BASS_FXSetBypass(fx, TRUE));
-    BASS_ChannelGetData(h, buf, sizeof buf | BASS_DATA_FLOAT);
-    EXPECT_EQ(buf[0], 0.5f);
-    EXPECT_EQ(buf[127], 0.5f);
+    pull();
+    EXPECT_GT(buf[2], 0.24f); // still mostly the effect
+    EXPECT_LT(buf[2], 0.26f);
+    EXPECT_EQ(buf[2 * 441], 0.5f);
+    EXPECT_EQ(buf[2 * 1023 + 1], 0.5f);
     ASSERT_TRUE(BASS_FXSetBypass(fx, FALSE));
-    BASS_ChannelGetData(h, buf, sizeof buf | BASS_DATA_FLOAT);
-    EXPECT_NEAR(buf[127], 0.25f, 1e-3f);
+    pull();
+    EXPECT_NEAR(buf[2 * 1023 + 1], 0.25f, 1e-3f);
+    ASSERT_TRUE(BASS_ChannelRemoveFX(h, fx));
+    pull();
+    EXPECT_EQ(buf[2 * 441], 0.5f);
+    EXPECT_EQ(buf[2 * 1023 + 1], 0.5f);
 }
 
 TEST_F(EffectChainTest, ChannelMaskLimitsAnEffectToItsChannels) {

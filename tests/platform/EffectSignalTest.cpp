@@ -1,4 +1,5 @@
 // What the effects do to signals, measured on decoding streams.
+#include "ClickMetric.hpp"
 #include "PlatformFixture.hpp"
 
 #include <bass_fx.h>
@@ -268,4 +269,127 @@ TEST_F(EffectSignalTest, FreeverbTailDecaysAndFreezeHoldsIt) {
     };
     EXPECT_GT(tail(false), 20);        // decays
     EXPECT_NEAR(tail(true), 0.0, 1.0); // holds
+}
+
+// ---------------------------------------------------------------- changes while audio flows
+
+namespace {
+
+constexpr DWORD kRate = 44100;
+constexpr float kToneAmp = 0.5f;
+
+// A steady 440 Hz tone that fades in over 50 ms, so that nothing but the
+// change under test has energy above 8 kHz.
+std::vector<float> steadyTone(size_t frames) {
+    auto v = sine(440, kRate, frames, 2, kToneAmp);
+    const size_t fade = kRate / 20;
+    for (size_t i = 0; i < fade; ++i) {
+        const float g = static_cast<float>(0.5 - 0.5 * std::cos(M_PI * static_cast<double>(i) / fade));
+        v[2 * i] *= g, v[2 * i + 1] *= g;
+    }
+    return v;
+}
+
+// Runs one second of the tone through a decoding stream that `setup`
+// prepares, calls `change` at 0.5 s (near a crest, where a step is loudest)
+// and returns the click it makes.
+double clickOfChange(const std::function<HFX(HSTREAM)>& setup, const std::function<void(HSTREAM, HFX)>& change) {
+    const size_t frames = kRate, at = kRate / 2 + 25;
+    const auto in = steadyTone(frames);
+    HSTREAM h = pushStream(kRate, 2, BASS_STREAM_DECODE, in, true);
+    EXPECT_NE(h, 0u);
+    const HFX fx = setup(h);
+    std::vector<float> out(in.size());
+    const auto pull = [&](size_t from, size_t to) {
+        const auto bytes = static_cast<DWORD>((to - from) * 2 * sizeof(float));
+        EXPECT_EQ(BASS_ChannelGetData(h, out.data() + from * 2, bytes | BASS_DATA_FLOAT), bytes);
+    };
+    pull(0, at);
+    change(h, fx);
+    pull(at, frames);
+    BASS_StreamFree(h);
+    return clickDb(out, 2, kRate, kToneAmp, kRate / 4);
+}
+
+// An effect installed with `before`, then given `after`.
+template <class P> double clickOfStep(DWORD type, const P& before, const P& after) {
+    return clickOfChange([&](HSTREAM h) { return install(h, type, &before); },
+                         [&](HSTREAM, HFX fx) { EXPECT_TRUE(BASS_FXSetParameters(fx, &after)); });
+}
+
+} // namespace
+
+TEST_F(EffectSignalTest, ParameterChangesWhileAudioFlowsDoNotClick) {
+    constexpr double kAudible = -55;
+    const auto wet = [](float w) { return BASS_BFX_PHASER{0.999f, w, 0, 1, 4, 100, BASS_BFX_CHANALL}; };
+    const auto wah = [](float w) { return BASS_BFX_AUTOWAH{0.5f, w, 0.5f, 2, 4.3f, 50, BASS_BFX_CHANALL}; };
+    const auto chorus = [](float mix, DWORD wave) { return BASS_DX8_CHORUS{mix, 10, 25, 1.1f, wave, 16, 3}; };
+    const auto flanger = [](float mix) { return BASS_DX8_FLANGER{mix, 100, -50, 0.25f, 1, 2, 2}; };
+    const auto echo = [](float mix, float ms) { return BASS_DX8_ECHO{mix, 50, ms, ms, FALSE}; };
+    const auto echo4 = [](float w, float s) { return BASS_BFX_ECHO4{0.999f, w, 0.5f, s, TRUE, BASS_BFX_CHANALL}; };
+    const auto bfxChorus = [](float w) { return BASS_BFX_CHORUS{0.9f, w, 0.5f, 1, 400, 200, BASS_BFX_CHANALL}; };
+    const auto reverb = [](float mix) { return BASS_DX8_REVERB{0, mix, 1000, 0.001f}; };
+    const auto freeverb = [](float w, DWORD mode) { return BASS_BFX_FREEVERB{1, w, 0.5f, 0.5f, 1, mode, -1}; };
+    const auto param = [](float hz, float db) { return BASS_DX8_PARAMEQ{hz, 12, db}; };
+    const auto peak = [](float hz, float db) { return BASS_BFX_PEAKEQ{0, 1, 0, hz, db, BASS_BFX_CHANALL}; };
+    const auto bqf = [](int type, float hz) { return BASS_BFX_BQF{type, hz, 0, 0, 0.707f, 0, BASS_BFX_CHANALL}; };
+    const auto comp = [](float gain, float pre) { return BASS_DX8_COMPRESSOR{gain, 10, 200, -20, 3, pre}; };
+    const struct {
+        const char* what;
+        double db;
+    } cases[] = {
+        {"phaser wet", clickOfStep(BASS_FX_BFX_PHASER, wet(0), wet(0.999f))},
+        {"auto-wah wet", clickOfStep(BASS_FX_BFX_AUTOWAH, wah(0), wah(1.5f))},
+        {"chorus mix", clickOfStep(BASS_FX_DX8_CHORUS, chorus(0, 1), chorus(100, 1))},
+        {"chorus waveform", clickOfStep(BASS_FX_DX8_CHORUS, chorus(50, 1), chorus(50, 0))},
+        {"flanger mix", clickOfStep(BASS_FX_DX8_FLANGER, flanger(0), flanger(100))},
+        {"echo mix", clickOfStep(BASS_FX_DX8_ECHO, echo(0, 300), echo(50, 300))},
+        {"echo delay", clickOfStep(BASS_FX_DX8_ECHO, echo(50, 300), echo(50, 120))},
+        {"echo 4 wet", clickOfStep(BASS_FX_BFX_ECHO4, echo4(0, 0.3f), echo4(0.8f, 0.3f))},
+        {"echo 4 delay", clickOfStep(BASS_FX_BFX_ECHO4, echo4(0.8f, 0.3f), echo4(0.8f, 0.12f))},
+        {"BFX chorus wet", clickOfStep(BASS_FX_BFX_CHORUS, bfxChorus(0), bfxChorus(1))},
+        {"reverb mix", clickOfStep(BASS_FX_DX8_REVERB, reverb(-96), reverb(0))},
+        {"Freeverb wet", clickOfStep(BASS_FX_BFX_FREEVERB, freeverb(0, 0), freeverb(1, 0))},
+        {"Freeverb freeze", clickOfStep(BASS_FX_BFX_FREEVERB, freeverb(1, 0), freeverb(1, 1))},
+        {"EQ gain", clickOfStep(BASS_FX_DX8_PARAMEQ, param(440, 0), param(440, 12))},
+        {"EQ centre", clickOfStep(BASS_FX_DX8_PARAMEQ, param(1000, 12), param(440, 12))},
+        {"peaking gain", clickOfStep(BASS_FX_BFX_PEAKEQ, peak(440, 0), peak(440, 12))},
+        {"peaking centre", clickOfStep(BASS_FX_BFX_PEAKEQ, peak(1000, 12), peak(440, 12))},
+        {"low-pass cutoff", clickOfStep(BASS_FX_BFX_BQF, bqf(BASS_BFX_BQF_LOWPASS, 2000),
+                                        bqf(BASS_BFX_BQF_LOWPASS, 500))},
+        {"filter type", clickOfStep(BASS_FX_BFX_BQF, bqf(BASS_BFX_BQF_LOWPASS, 2000),
+                                    bqf(BASS_BFX_BQF_HIGHPASS, 200))},
+        {"compressor gain", clickOfStep(BASS_FX_DX8_COMPRESSOR, comp(0, 4), comp(12, 4))},
+        {"compressor look-ahead", clickOfStep(BASS_FX_DX8_COMPRESSOR, comp(0, 4), comp(0, 0))},
+    };
+    for (const auto& c : cases)
+        EXPECT_LT(c.db, kAudible) << c.what;
+
+    // Adding, removing and bypassing crossfade with the dry signal.
+    const auto none = [](HSTREAM) { return HFX(0); };
+    const auto withReverb = [&](HSTREAM h) {
+        const auto r = reverb(0);
+        return install(h, BASS_FX_DX8_REVERB, &r);
+    };
+    const auto lowpass = bqf(BASS_BFX_BQF_LOWPASS, 500);
+    EXPECT_LT(clickOfChange(none, [&](HSTREAM h, HFX) { install(h, BASS_FX_BFX_BQF, &lowpass); }), kAudible);
+    EXPECT_LT(clickOfChange(none, [&](HSTREAM h, HFX) { withReverb(h); }), kAudible);
+    EXPECT_LT(clickOfChange(withReverb, [](HSTREAM h, HFX fx) { EXPECT_TRUE(BASS_ChannelRemoveFX(h, fx)); }),
+              kAudible);
+    EXPECT_LT(clickOfChange(withReverb, [](HSTREAM, HFX fx) { EXPECT_TRUE(BASS_FXSetBypass(fx, TRUE)); }),
+              kAudible);
+}
+
+TEST_F(EffectSignalTest, SettingsMadeBeforeAudioFlowsApplyFromTheFirstFrame) {
+    const auto in = sine(440, kRate, 4410, 2, kToneAmp);
+    const BASS_BFX_ECHO4 quiet{0.25f, 0, 0, 0.1f, FALSE, BASS_BFX_CHANALL};
+    for (bool bypass : {false, true}) {
+        const auto out = render(kRate, 2, in, [&](HSTREAM h) {
+            HFX fx = install(h, BASS_FX_BFX_ECHO4, &quiet);
+            BASS_FXSetBypass(fx, bypass);
+        });
+        ASSERT_EQ(out.size(), in.size());
+        for (size_t i = 0; i < in.size(); ++i)
+            ASSERT_FLOAT_EQ(out[i], bypass ? in[i] : in[i] * 0.25f) << i;
+    }
 }

@@ -273,6 +273,7 @@ void Channel::renderLocked(float* out, size_t frames, size_t& done) {
             blockStart_ = span.outStart;
             blockRate_ = span.rate;
             runDsps(*dsps, dst, span.frames);
+            if (!flowed_.load(std::memory_order_relaxed)) flowed_.store(true, std::memory_order_relaxed);
             noteOutput(span);
             done += span.frames;
             if (renderingToRing_) renderDone_ = done;

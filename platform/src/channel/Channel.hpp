@@ -107,6 +107,9 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     // Returns fewer at the end or while the source has no data (stalled).
     size_t read(float* out, size_t frames);
     bool ended() const { return ended_.load(std::memory_order_acquire); }
+    // Whether any audio has been rendered yet: what is added to the chain
+    // after that fades in rather than cutting in.
+    bool hasFlowed() const { return flowed_.load(std::memory_order_relaxed); }
     // Tops up the playback ring (update thread). Returns frames written.
     size_t fillRing(size_t targetFrames);
     // Frames the update thread keeps in the ring.
@@ -261,6 +264,7 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     size_t renderDone_ = 0;       // frames of that block done so far
     std::atomic<bool> ended_{false};
     std::atomic<bool> stalled_{false}; // the source had no data at the last render
+    std::atomic<bool> flowed_{false};
     std::vector<float> scratch_;  // DSP format conversion and single-channel blocks
 
     mutable std::mutex listMutex_;

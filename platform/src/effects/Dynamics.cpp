@@ -61,6 +61,11 @@ struct Compressor {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    // The look-ahead is a delay: changing it crossfades.
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fGain}, Geo{&State::fAttack}, Geo{&State::fRelease},
+                           Lin{&State::fThreshold}, Lin{&State::fRatio});
+    }
     void configure(const State& s) {
         core_.set(s.fThreshold, s.fRatio, s.fAttack, s.fRelease, s.fGain);
         delay_ = static_cast<size_t>(std::lround(s.fPredelay * rate_ / 1000));
@@ -108,6 +113,10 @@ struct Compressor2 {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fGain}, Lin{&State::fThreshold}, Lin{&State::fRatio},
+                           Geo{&State::fAttack}, Geo{&State::fRelease});
+    }
     void configure(const State& s) {
         core_.set(s.fThreshold, s.fRatio, s.fAttack, s.fRelease, s.fGain);
         mask_ = s.lChannel;

@@ -61,6 +61,7 @@ HFX BASS_ChannelSetFX(DWORD handle, DWORD type, int priority) {
     auto entry = makeEffect(type, static_cast<double>(ch->freq()), ch->chans());
     if (!entry) return failWith<HFX>(BASS_ERROR_ILLTYPE, 0);
     entry->priority = priority;
+    if (ch->hasFlowed()) entry->fadeInFromDry();
     auto fx = std::make_shared<Effect>();
     fx->channel = ch;
     fx->entry = entry;
@@ -76,7 +77,11 @@ BOOL BASS_ChannelRemoveFX(DWORD handle, HFX fx) {
     if (!e || e->channel.lock() != ch) return fail(BASS_ERROR_HANDLE);
     std::lock_guard lock(e->placeMutex);
     if (!Handles::remove(fx)) return fail(BASS_ERROR_HANDLE); // removed meanwhile
-    ch->removeDsp(e->dsp.load());
+    // One that has been heard fades out and then leaves the chain by itself.
+    if (e->entry->flowing())
+        e->entry->retire();
+    else
+        ch->removeDsp(e->dsp.load());
     return succeed();
 }
 

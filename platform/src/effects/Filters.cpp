@@ -5,6 +5,7 @@
 #include "effects/Effect.hpp"
 
 #include <array>
+#include <cstring>
 #include <vector>
 
 namespace tavro::platform {
@@ -31,6 +32,9 @@ struct ParamEq {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Geo{&State::fCenter}, Lin{&State::fBandwidth}, Lin{&State::fGain});
+    }
     void configure(const State& s) {
         c_ = designBiquad(BiquadKind::Peaking, rate_, s.fCenter, s.fGain, s.fBandwidth / 12.0, 0, 0);
         flat_ = s.fGain == 0;
@@ -79,6 +83,24 @@ struct PeakEq {
     static void read(const State& s, Params& p) {
         if (p.lBand >= 0 && p.lBand < kMaxPeakBands) p = s.bands[size_t(p.lBand)];
     }
+    // A band set for the first time rises from 0 dB at its new centre.
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        out = b;
+        for (int k = 0; k < kMaxPeakBands; ++k) {
+            if (!(b.used & (1u << k))) continue;
+            Params from = a.bands[size_t(k)];
+            if (!(a.used & (1u << k))) from = b.bands[size_t(k)], from.fGain = 0;
+            if (!blendBand(from, b.bands[size_t(k)], t, out.bands[size_t(k)])) return false;
+        }
+        return true;
+    }
+    static bool blendBand(const Params& a, const Params& b, double t, Params& out) {
+        return (a.fQ > 0) == (b.fQ > 0) &&
+               blendFields(a, b, t, out, Geo{&Params::fCenter}, Lin{&Params::fGain}, Geo{&Params::fBandwidth},
+                           Geo{&Params::fQ});
+    }
+    // A glide re-configures at every frame; only the bands that moved are
+    // designed again.
     void configure(const State& s) {
         active_ = 0;
         for (int b = 0; b < kMaxPeakBands; ++b) {
@@ -87,7 +109,12 @@ struct PeakEq {
             Band& d = bands_[size_t(active_++)];
             d.index = b;
             d.mask = p.lChannel;
-            d.c = designBiquad(BiquadKind::Peaking, rate_, p.fCenter, p.fGain, p.fBandwidth, p.fQ, 0);
+            if (std::memcmp(&p, &designed_[size_t(b)], sizeof p) != 0) {
+                designs_[size_t(b)] =
+                    designBiquad(BiquadKind::Peaking, rate_, p.fCenter, p.fGain, p.fBandwidth, p.fQ, 0);
+                designed_[size_t(b)] = p;
+            }
+            d.c = designs_[size_t(b)];
         }
     }
     void run(float* f, size_t n) {
@@ -112,6 +139,8 @@ struct PeakEq {
     const unsigned chans_;
     std::array<Band, kMaxPeakBands> bands_{};
     int active_ = 0;
+    std::array<BASS_BFX_PEAKEQ, kMaxPeakBands> designed_{}; // what designs_ were made for (gain 0: none)
+    std::array<BiquadCoefs, kMaxPeakBands> designs_{};
     std::vector<BiquadState> z_; // band-major
 };
 
@@ -133,6 +162,12 @@ struct Bqf {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    // Which of Q, slope and bandwidth sets the width cannot glide.
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return (a.fQ > 0) == (b.fQ > 0) && (a.fS > 0) == (b.fS > 0) &&
+               blendFields(a, b, t, out, Geo{&State::fCenter}, Lin{&State::fGain}, Geo{&State::fBandwidth},
+                           Geo{&State::fQ}, Lin{&State::fS});
+    }
     void configure(const State& s) {
         c_ = designBiquad(static_cast<BiquadKind>(s.lFilter), rate_, s.fCenter, s.fGain, s.fBandwidth, s.fQ,
                           s.fS);

@@ -35,23 +35,25 @@ struct FracLines {
     size_t pos = 0;
 };
 
-// -1..1 at phase p (radians): sine, or a triangle of the same period.
-inline double lfo(double p, bool sine) {
-    if (sine) return std::sin(p);
+// -1..1 at phase p (radians): a sine (shape 1), a triangle of the same period
+// (shape 0), or a blend of the two while the waveform changes.
+inline double lfo(double p, double shape) {
     const double t = std::fmod(p / kTwoPi + 0.25, 1.0); // aligned with the sine's zero crossing
-    return t < 0.5 ? 4 * t - 1 : 3 - 4 * t;
+    const double tri = t < 0.5 ? 4 * t - 1 : 3 - 4 * t;
+    return shape == 0 ? tri : tri + (std::sin(p) - tri) * shape;
 }
 
 // The DX8 chorus and flanger are one design with different delay ranges: a
 // delay swept by an LFO around its centre by `depth` percent, mixed with the
 // dry signal; odd (right) channels run the LFO `phase` steps of 90 degrees
-// apart from even ones.
+// apart from even ones. A new waveform or phase moves the LFO there over the
+// glide time: a jump of the swept delay would go round the feedback loop.
 template <typename Rec, int kMaxDelayMs> struct SweptDelay {
     using Params = Rec;
     using State = Rec;
     SweptDelay(double rate, unsigned chans)
         : rate_(rate), chans_(chans), lines_(static_cast<size_t>(rate * 2 * kMaxDelayMs / 1000) + 4, chans),
-          d_(chans) {}
+          d_(chans), morph_(1 / std::max(1.0, rate * kGlideSeconds)) {}
     bool merge(State& s, const Params& p) const {
         if (!within(p.fWetDryMix, 0, 100) || !within(p.fDepth, 0, 100) || !within(p.fFeedback, -99, 99) ||
             !within(p.fFrequency, 0, 10) || p.lWaveform > 1 || !within(p.fDelay, 0, float(kMaxDelayMs)) ||
@@ -61,21 +63,33 @@ template <typename Rec, int kMaxDelayMs> struct SweptDelay {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    // The swept delay is read between samples, so its centre glides too.
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fWetDryMix}, Lin{&State::fDepth}, Lin{&State::fFeedback},
+                           Lin{&State::fFrequency}, Lin{&State::fDelay}, Own{&State::lWaveform},
+                           Own{&State::lPhase});
+    }
     void configure(const State& s) {
         wet_ = s.fWetDryMix / 100;
         fb_ = s.fFeedback / 100;
         centre_ = s.fDelay * rate_ / 1000;
         swing_ = centre_ * s.fDepth / 100;
         step_ = kTwoPi * s.fFrequency / rate_;
-        sine_ = s.lWaveform == 1;
-        offset_ = (static_cast<double>(s.lPhase) - 2) * M_PI / 2;
+        shapeTo_ = s.lWaveform == 1 ? 1 : 0;
+        offsetTo_ = (static_cast<double>(s.lPhase) - 2) * M_PI / 2;
+        if (!started_) shape_ = shapeTo_, offset_ = offsetTo_;
     }
     void run(float* f, size_t n) {
+        started_ = true;
         for (size_t i = 0; i < n; ++i) {
+            if (shape_ != shapeTo_ || offset_ != offsetTo_) {
+                shape_ = approach(shape_, shapeTo_, morph_);
+                offset_ = approach(offset_, offsetTo_, morph_ * kTwoPi);
+            }
             float* fr = f + i * chans_;
             for (unsigned c = 0; c < chans_; ++c) {
                 const double p = phase_ + ((c & 1) ? offset_ : 0);
-                d_[c] = lines_.tap(c, centre_ + swing_ * lfo(p, sine_));
+                d_[c] = lines_.tap(c, centre_ + swing_ * lfo(p, shape_));
             }
             for (unsigned c = 0; c < chans_; ++c) {
                 lines_.put(c, fr[c] + fb_ * d_[c]);
@@ -89,15 +103,21 @@ template <typename Rec, int kMaxDelayMs> struct SweptDelay {
     void reset() {
         lines_.clear();
         phase_ = 0;
+        shape_ = shapeTo_, offset_ = offsetTo_;
+    }
+    static double approach(double v, double to, double step) {
+        return v < to ? std::min(to, v + step) : std::max(to, v - step);
     }
 
     const double rate_;
     const unsigned chans_;
     FracLines lines_;
     std::vector<float> d_;
+    const double morph_; // share of a full change per frame
     float wet_ = 0, fb_ = 0;
-    double centre_ = 1, swing_ = 0, step_ = 0, offset_ = 0, phase_ = 0;
-    bool sine_ = true;
+    double centre_ = 1, swing_ = 0, step_ = 0, phase_ = 0;
+    double shape_ = 1, shapeTo_ = 1, offset_ = 0, offsetTo_ = 0;
+    bool started_ = false;
 };
 
 struct Chorus : SweptDelay<BASS_DX8_CHORUS, 20> {
@@ -130,6 +150,10 @@ struct BfxChorus {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fDryMix}, Lin{&State::fWetMix}, Lin{&State::fFeedback},
+                           Lin{&State::fMinSweep}, Lin{&State::fMaxSweep}, Lin{&State::fRate});
+    }
     void configure(const State& s) {
         dry_ = s.fDryMix, wet_ = s.fWetMix, fb_ = s.fFeedback;
         lo_ = s.fMinSweep * rate_ / 1000, hi_ = s.fMaxSweep * rate_ / 1000;
@@ -174,6 +198,12 @@ bool sweepValid(const BASS_BFX_AUTOWAH& p) {
            within(p.fRate, 0, 10) && within(p.fRange, 0, 10) && within(p.fFreq, 0, 1000);
 }
 
+bool sweepBlend(const BASS_BFX_AUTOWAH& a, const BASS_BFX_AUTOWAH& b, double t, BASS_BFX_AUTOWAH& out) {
+    using S = BASS_BFX_AUTOWAH;
+    return blendFields(a, b, t, out, Lin{&S::fDryMix}, Lin{&S::fWetMix}, Lin{&S::fFeedback}, Lin{&S::fRate},
+                       Lin{&S::fRange}, Geo{&S::fFreq});
+}
+
 // A state-variable band-pass swept by the LFO; its output is fed back into
 // its input.
 struct AutoWah {
@@ -190,6 +220,9 @@ struct AutoWah {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return sweepBlend(a, b, t, out);
+    }
     void configure(const State& s) {
         p_ = s;
         step_ = kTwoPi * s.fRate / rate_;
@@ -210,7 +243,10 @@ struct AutoWah {
                 const float high = in - z.low - damping * z.band;
                 z.band = undenormal(z.band + k * high);
                 z.low = undenormal(z.low + k * z.band);
-                z.last = std::clamp(z.band, -4.0f, 4.0f);
+                // Fed back at unit gain at the centre (the band output peaks
+                // at 1 / damping), so any feedback below 1 stays stable
+                // instead of ringing into the clamp and distorting.
+                z.last = std::clamp(z.band * damping, -4.0f, 4.0f);
                 fr[c] = fr[c] * p_.fDryMix + z.band * p_.fWetMix;
             }
             phase_ += step_;
@@ -249,6 +285,9 @@ struct Phaser {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return sweepBlend(a, b, t, out);
+    }
     void configure(const State& s) {
         p_ = s;
         step_ = kTwoPi * s.fRate / rate_;
@@ -302,6 +341,9 @@ struct Rotate {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fRate});
+    }
     void configure(const State& s) {
         step_ = kTwoPi * s.fRate / rate_;
         mask_ = s.lChannel;

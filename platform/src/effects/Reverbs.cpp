@@ -68,9 +68,17 @@ struct Reverb {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fInGain}, Lin{&State::fReverbMix},
+                           Geo{&State::fReverbTime}, Lin{&State::fHighFreqRTRatio});
+    }
     void configure(const State& s) {
         inGain_ = static_cast<float>(std::pow(10.0, s.fInGain / 20.0));
         mix_ = static_cast<float>(std::pow(10.0, s.fReverbMix / 20.0));
+        // The lines' losses only when the times moved (a glide of the mix
+        // re-configures at every frame).
+        if (s.fReverbTime == time_ && s.fHighFreqRTRatio == ratio_) return;
+        time_ = s.fReverbTime, ratio_ = s.fHighFreqRTRatio;
         const double t = s.fReverbTime / 1000.0 * rate_;
         for (size_t i = 0; i < len_.size(); ++i) {
             const double g = std::pow(10.0, -3 * len_[i] / t);
@@ -134,6 +142,7 @@ struct Reverb {
     std::vector<float> loss_, high_; // per line: gain at DC, and the highs' share of it
     const float shelf_;              // pole of the shelf's one-pole split
     float inGain_ = 1, mix_ = 1;
+    float time_ = -1, ratio_ = -1; // what loss_ and high_ were computed for
 };
 
 // ---------------------------------------------------------------- Freeverb
@@ -180,7 +189,8 @@ struct Freeverb {
         }
     };
 
-    Freeverb(double rate, unsigned chans) : chans_(chans), banks_(chans) {
+    Freeverb(double rate, unsigned chans)
+        : chans_(chans), banks_(chans), morph_(static_cast<float>(1 / std::max(1.0, rate * kGlideSeconds))) {
         const double k = rate / 44100;
         for (unsigned c = 0; c < chans; ++c) {
             const int spread = (c & 1) ? kSpread : 0;
@@ -201,20 +211,37 @@ struct Freeverb {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fDryMix}, Lin{&State::fWetMix}, Lin{&State::fRoomSize},
+                           Lin{&State::fDamp}, Lin{&State::fWidth}, Own{&State::lMode});
+    }
     void configure(const State& s) {
-        // Freezing makes the combs lossless and shuts their input: the tail
-        // rings on as it was.
-        const bool freeze = s.lMode == BASS_BFX_FREEVERB_MODE_FREEZE;
-        fb_ = freeze ? 1.0f : s.fRoomSize * kScaleRoom + kOffsetRoom;
-        damp_ = freeze ? 0.0f : s.fDamp * kScaleDamp;
-        inGain_ = freeze ? 0.0f : kFixedGain;
+        fbOpen_ = s.fRoomSize * kScaleRoom + kOffsetRoom;
+        dampOpen_ = s.fDamp * kScaleDamp;
+        freezeTo_ = s.lMode == BASS_BFX_FREEVERB_MODE_FREEZE ? 1.0f : 0.0f;
+        if (!started_) freeze_ = freezeTo_;
+        applyFreeze();
         dry_ = s.fDryMix;
         wet1_ = s.fWetMix * (s.fWidth / 2 + 0.5f);
         wet2_ = s.fWetMix * ((1 - s.fWidth) / 2);
         mask_ = s.lChannel;
     }
+    // Freezing makes the combs lossless and shuts their input, so the tail
+    // rings on as it was; it comes and goes over the glide time, since a cut
+    // inside the combs would ring on with them.
+    void applyFreeze() {
+        fb_ = fbOpen_ + (1 - fbOpen_) * freeze_;
+        damp_ = dampOpen_ * (1 - freeze_);
+        inGain_ = kFixedGain * (1 - freeze_);
+    }
     void run(float* f, size_t n) {
+        started_ = true;
         for (size_t i = 0; i < n; ++i) {
+            if (freeze_ != freezeTo_) {
+                freeze_ = freezeTo_ > freeze_ ? std::min(freezeTo_, freeze_ + morph_)
+                                              : std::max(freezeTo_, freeze_ - morph_);
+                applyFreeze();
+            }
             float* fr = f + i * chans_;
             unsigned c = 0;
             for (; c + 1 < chans_; c += 2) {
@@ -233,10 +260,15 @@ struct Freeverb {
     void reset() {
         for (auto& b : banks_)
             b.clear();
+        freeze_ = freezeTo_;
+        applyFreeze();
     }
 
     const unsigned chans_;
     std::vector<Bank> banks_;
+    const float morph_; // share of a full freeze per frame
+    float fbOpen_ = 0, dampOpen_ = 0, freeze_ = 0, freezeTo_ = 0;
+    bool started_ = false;
     float fb_ = 0, damp_ = 0, inGain_ = 0, dry_ = 0, wet1_ = 0, wet2_ = 0;
     int mask_ = -1;
 };

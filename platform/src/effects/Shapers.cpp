@@ -34,6 +34,11 @@ struct Distortion {
         return true;
     }
     static void read(const State& s, Params& p) { p = s; }
+    static bool blend(const State& a, const State& b, double t, State& out) {
+        return blendFields(a, b, t, out, Lin{&State::fGain}, Lin{&State::fEdge},
+                           Geo{&State::fPostEQCenterFrequency}, Geo{&State::fPostEQBandwidth},
+                           Geo{&State::fPreLowpassCutoff});
+    }
     void configure(const State& s) {
         pre_ = designBiquad(BiquadKind::Lowpass, rate_, s.fPreLowpassCutoff, 0, 0, M_SQRT1_2, 0);
         post_ = designBiquad(BiquadKind::BandpassQ, rate_, s.fPostEQCenterFrequency, 0, 0,

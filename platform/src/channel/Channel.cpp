@@ -415,7 +415,7 @@ DWORD Channel::activeState() const {
     case ChannelState::Paused:
         return BASS_ACTIVE_PAUSED;
     case ChannelState::Playing:
-        if (device_ && !device_->isRunning()) return BASS_ACTIVE_PAUSED_DEVICE;
+        if (device_ && (!device_->isRunning() || device_->isOutputLost())) return BASS_ACTIVE_PAUSED_DEVICE;
         if (stalled_.load() && voice() && voice()->ring.available() == 0 && !ended()) return BASS_ACTIVE_STALLED;
         return BASS_ACTIVE_PLAYING;
     default:

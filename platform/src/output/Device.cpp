@@ -138,7 +138,12 @@ void Device::render(float* out, size_t frames, int64_t delayNs) {
     const int64_t now = monotonicNs();
     const uint64_t index = framesRendered_.load(std::memory_order_relaxed);
     // Where the previous block puts this one, when the output keeps its pace.
-    const BlockClock prev = heardClock_.load();
+    BlockClock prev = heardClock_.load();
+    if (resumeDue_.exchange(false, std::memory_order_acq_rel)) {
+        // A new output: its timing starts afresh, and what was held plays on.
+        prev.heardNs = 0;
+        lost_.store(false, std::memory_order_release);
+    }
     const int64_t predicted = prev.heardNs + static_cast<int64_t>(static_cast<double>(index - prev.index) * 1e9 / rate_);
     int64_t heardNs = now + std::max<int64_t>(0, delayNs);
     if (prev.heardNs != 0 && delayNs < 0) {
@@ -164,7 +169,14 @@ void Device::render(float* out, size_t frames, int64_t delayNs) {
     callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
 }
 
+void Device::outputLost() {
+    const double heard = std::min(frameHeardAt(monotonicNs()), static_cast<double>(framesRendered()));
+    frozenHeard_.store(std::max(0.0, heard), std::memory_order_relaxed);
+    lost_.store(true, std::memory_order_release);
+}
+
 double Device::frameHeardAt(int64_t nowNs) const {
+    if (lost_.load(std::memory_order_acquire)) return frozenHeard_.load(std::memory_order_relaxed);
     const BlockClock c = heardClock_.load();
     return static_cast<double>(c.index) + static_cast<double>(nowNs - c.heardNs) * 1e-9 * c.rate;
 }

@@ -52,6 +52,13 @@ class Device : public std::enable_shared_from_this<Device> {
     DWORD initFlags() const { return flags_; }
     bool isRunning() const { return running_.load(); }
     bool failed() const { return backend_ && backend_->failed(); }
+    // The output broke (the sound server went away): its channels are held,
+    // paused by the device, at what the listener last heard, until the
+    // backend has a new output and the first block goes out on it.
+    bool isOutputLost() const { return lost_.load(std::memory_order_acquire); }
+    // Backend side.
+    void outputLost();
+    void outputRestored() { resumeDue_.store(true, std::memory_order_release); }
     DWORD latencyMs() const { return backend_ ? backend_->latencyMs() : 0; }
 
     // Device thread: mixes every playing channel into interleaved stereo.
@@ -101,6 +108,8 @@ class Device : public std::enable_shared_from_this<Device> {
     std::atomic<uint64_t> callbackSeq_{0}; // odd while render() runs
     std::atomic<uint64_t> framesRendered_{0};
     SeqLocked<BlockClock> heardClock_{BlockClock{0, 0, 1}}; // the last block's: updated at every block
+    std::atomic<bool> lost_{false}, resumeDue_{false};
+    std::atomic<double> frozenHeard_{0}; // the device frame heard when the output broke
 };
 
 // Gives the calling audio thread (rendering or mixing) real-time scheduling

@@ -230,8 +230,8 @@ TEST_F(FileStreamTest, MemoryStreamsAndFileRegionsDecodeLikeFiles) {
     EXPECT_EQ(decodeAll(m), *source_);
     BASS_StreamFree(m);
     // The same WAV stored after 1000 bytes of something else.
-    std::vector<uint8_t> padded(1000, 0xAB);
-    padded.insert(padded.end(), bytes.begin(), bytes.end());
+    std::vector<uint8_t> padded(1000 + bytes.size(), 0xAB);
+    std::copy(bytes.begin(), bytes.end(), padded.begin() + 1000);
     const std::string path = media_->path("padded.bin");
     writeFile(path, padded);
     HSTREAM r = BASS_StreamCreateFile(FALSE, path.c_str(), 1000, bytes.size(), BASS_STREAM_DECODE | BASS_SAMPLE_FLOAT);

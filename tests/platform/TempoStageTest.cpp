@@ -1,6 +1,8 @@
 // The tempo stage: what tempo, pitch and rate do to duration and frequency,
 // bit-exact pass-through, positions and position syncs in the source's time,
-// seeking, the A-B loop, the end, ownership and parameter checks.
+// seeking, the A-B loop, the end, changes without clicks, ownership and
+// parameter checks.
+#include "ClickMetric.hpp"
 #include "RampChannel.hpp"
 #include "StageSignals.hpp"
 
@@ -307,4 +309,38 @@ TEST_F(TempoStageTest, PreventClickKeepsTheProcessingInThePathAtNeutralSettings)
     for (size_t i = 0; i < out.size(); ++i)
         differ += out[i] != static_cast<float>(i);
     EXPECT_GT(differ, 0u);
+}
+
+TEST_F(TempoStageTest, ChangesWhileRunningDoNotClick) {
+    struct Change {
+        DWORD attrib;
+        float value;
+    };
+    const struct Case {
+        bool preventClick;
+        std::vector<Change> changes; // the first before any audio, the rest a quarter second apart
+    } cases[] = {
+        {false, {{BASS_ATTRIB_TEMPO_PITCH, 0}, {BASS_ATTRIB_TEMPO_PITCH, 3}}},
+        {false, {{BASS_ATTRIB_TEMPO_PITCH, 3}, {BASS_ATTRIB_TEMPO_PITCH, 0}}},
+        {true, {{BASS_ATTRIB_TEMPO_PITCH, 0}, {BASS_ATTRIB_TEMPO_PITCH, 3}}},
+        {true, {{BASS_ATTRIB_TEMPO_PITCH, 3}, {BASS_ATTRIB_TEMPO_PITCH, 0}}},
+        {false, {{BASS_ATTRIB_TEMPO, 0}, {BASS_ATTRIB_TEMPO, 20}, {BASS_ATTRIB_TEMPO, 0}}},
+        {false, {{BASS_ATTRIB_TEMPO_FREQ, 44100}, {BASS_ATTRIB_TEMPO_FREQ, 48000}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "prevent click " << c.preventClick << ", to " << c.changes[1].value);
+        HSTREAM t = BASS_FX_TempoCreate(
+            pushStream(kRate, 1, BASS_STREAM_DECODE, sine(440, kRate, 88200, 1, 0.5f), true),
+            BASS_STREAM_DECODE | BASS_FX_FREESOURCE);
+        ASSERT_TRUE(BASS_ChannelSetAttribute(t, BASS_ATTRIB_TEMPO_OPTION_PREVENT_CLICK, c.preventClick));
+        std::vector<float> out;
+        for (const auto& change : c.changes) {
+            ASSERT_TRUE(BASS_ChannelSetAttribute(t, change.attrib, change.value));
+            const auto part = decodeAll(t, 1, kRate / 4);
+            out.insert(out.end(), part.begin(), part.end());
+        }
+        EXPECT_LT(clickDb(out, 1, kRate, 0.5, kRate / 10), -55); // from past SoundTouch's start
+        BASS_StreamFree(t);
+    }
 }

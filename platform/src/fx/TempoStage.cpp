@@ -29,6 +29,17 @@ constexpr size_t kMinFeed = 64;      // least, so that each put does some work
 // longest latency at any setting.
 constexpr uint64_t kMaxDrainZeros = uint64_t(1) << 21;
 
+// A change SoundTouch cannot take without a cut crossfades from the old path
+// to the new one over this long.
+constexpr unsigned kFadeMs = 10;
+// Recent source kept for a new path to start where the old one plays: more
+// than SoundTouch holds at usual settings.
+constexpr unsigned kQueueMs = 500;
+// Larger jumps of the transposer's rate crossfade (a semitone).
+constexpr double kStepOctaves = 1.0 / 12 + 1e-9;
+// Keeps a transposer ratio of exactly 1 on the side of 1 it was on.
+constexpr double kNudge = 1e-9;
+
 constexpr float kTempoMin = -95, kTempoMax = 5000;
 constexpr float kPitchMax = 60;
 constexpr double kFreqSpan = 4; // TEMPO_FREQ from a quarter to four times the source's rate
@@ -70,24 +81,33 @@ TempoStage::TempoStage(std::shared_ptr<Channel> source, DWORD flags)
     {
         std::lock_guard lock(algorithmMutex());
         TransposerBase::setAlgorithm(algo);
-        st_ = std::make_unique<soundtouch::SoundTouch>();
+        for (auto& st : pool_)
+            st = std::make_unique<soundtouch::SoundTouch>();
         TransposerBase::setAlgorithm(TransposerBase::CUBIC);
     }
-    // SoundTouch takes rates up to 192 kHz. Above that it is told 192 kHz:
-    // the rate only scales its analysis windows, which then span a shorter
-    // time (half at 384 kHz) and still work.
-    st_->setSampleRate(std::min<DWORD>(freq(), kMaxTempoRate));
-    st_->setChannels(chans());
-    tempoFreq_.store(static_cast<float>(freq()));
-    aaFilter_.store(st_->getSetting(SETTING_USE_AA_FILTER));
-    aaLength_.store(st_->getSetting(SETTING_AA_FILTER_LENGTH));
-    quickSeek_.store(st_->getSetting(SETTING_USE_QUICKSEEK));
-    sequenceMs_.store(st_->getSetting(SETTING_SEQUENCE_MS));
-    seekWindowMs_.store(st_->getSetting(SETTING_SEEKWINDOW_MS));
-    overlapMs_.store(st_->getSetting(SETTING_OVERLAP_MS));
     feed_.assign(kFeedFrames * chans(), 0.0f);
     zeros_.assign(kFeedFrames * chans(), 0.0f);
-    prime();
+    fadeLen_ = std::max<size_t>(1, size_t(freq()) * kFadeMs / 1000);
+    fade_.assign(fadeLen_ * chans(), 0.0f);
+    queueFrames_ = size_t(freq()) * kQueueMs / 1000 + 2 * kFeedFrames;
+    queue_.assign(queueFrames_ * chans(), 0.0f);
+    tempoFreq_.store(static_cast<float>(freq()));
+    for (auto& st : pool_) {
+        // SoundTouch takes rates up to 192 kHz. Above that it is told 192 kHz:
+        // the rate only scales its analysis windows, which then span a shorter
+        // time (half at 384 kHz) and still work.
+        st->setSampleRate(std::min<DWORD>(freq(), kMaxTempoRate));
+        st->setChannels(chans());
+        prime(*st);
+    }
+    aaFilter_.store(pool_[0]->getSetting(SETTING_USE_AA_FILTER));
+    aaLength_.store(pool_[0]->getSetting(SETTING_AA_FILTER_LENGTH));
+    quickSeek_.store(pool_[0]->getSetting(SETTING_USE_QUICKSEEK));
+    sequenceMs_.store(pool_[0]->getSetting(SETTING_SEQUENCE_MS));
+    seekWindowMs_.store(pool_[0]->getSetting(SETTING_SEEKWINDOW_MS));
+    overlapMs_.store(pool_[0]->getSetting(SETTING_OVERLAP_MS));
+    for (int i = 0; i < int(pool_.size()); ++i)
+        setRatesLocked(i);
 }
 
 TempoStage::~TempoStage() = default;
@@ -97,32 +117,28 @@ TempoStage::~TempoStage() = default;
 // an octave down or up) means it does not allocate later, on the render
 // thread, for settings within it. The far corners would need tens of
 // megabytes for every stream, so they grow on first use instead.
-void TempoStage::prime() {
+void TempoStage::prime(soundtouch::SoundTouch& st) {
     std::vector<float> out(kMaxBlockFrames * chans());
     for (double tempo : {0.5, 2.0})
         for (double pitch : {0.5, 2.0}) {
-            st_->setTempo(tempo);
-            st_->setPitch(pitch);
+            st.setTempo(tempo);
+            st.setPitch(pitch);
             const double ratio = tempo;
             uint64_t fed = 0, got = 0;
             // Fed the way the renderer feeds, until full blocks come out.
             while (got < 2 * kMaxBlockFrames && fed < kMaxDrainZeros) {
-                if (st_->numSamples() > 0) {
-                    got += st_->receiveSamples(out.data(), static_cast<unsigned>(kMaxBlockFrames));
+                if (st.numSamples() > 0) {
+                    got += st.receiveSamples(out.data(), static_cast<unsigned>(kMaxBlockFrames));
                     continue;
                 }
                 const auto n = std::clamp<size_t>(static_cast<size_t>(std::ceil(kMaxBlockFrames * ratio)),
                                                   kMinFeed, kFeedFrames);
-                st_->putSamples(zeros_.data(), static_cast<unsigned>(n));
+                st.putSamples(zeros_.data(), static_cast<unsigned>(n));
                 fed += n;
             }
-            st_->clear();
+            st.clear();
         }
-    st_->setTempo(1);
-    st_->setRate(1);
-    st_->setPitch(1);
-    stRatio_ = 1;
-    ratio_ = 1;
+    st.setPitch(1);
 }
 
 // ---------------------------------------------------------------- settings
@@ -132,8 +148,72 @@ bool TempoStage::neutral() const {
            preventClick_.load() == 0;
 }
 
-void TempoStage::applyRatioLocked() {
-    stRatio_ = (1.0 + tempo_.load() / 100.0) * (tempoFreq_.load() / static_cast<double>(freq()));
+double TempoStage::ratioOf(int path) const {
+    return path < 0 ? 1.0 : stRatio_[static_cast<size_t>(path)];
+}
+
+// SoundTouch runs its transposer before its time-stretcher at rates up to 1
+// and after it above 1, and when the rate crosses 1 it moves what it holds
+// from one order to the other, which cuts the audio. Pitch therefore goes to
+// it as rate and tempo (one call sets the rate, which never passes the other
+// side of 1 on the way), and a rate of exactly 1 stays on the side it was on.
+void TempoStage::setRatesLocked(int inst) {
+    const auto i = static_cast<size_t>(inst);
+    const double pitch = std::exp2(pitch_.load() / 12.0),
+                 freqRatio = tempoFreq_.load() / static_cast<double>(freq());
+    double rate = pitch * freqRatio;
+    if (rate != 1)
+        side_[i] = rate > 1 ? 1 : -1;
+    else
+        rate += side_[i] * kNudge;
+    pool_[i]->setRate(rate);
+    stRate_[i] = rate;
+    pool_[i]->setTempo((1.0 + tempo_.load() / 100.0) / pitch);
+    stRatio_[i] = (1.0 + tempo_.load() / 100.0) * freqRatio;
+}
+
+// Whether the instance would cut the audio, or audibly step, taking the
+// current settings: its transposer's rate crosses 1, or jumps by more than a
+// semitone (the waveform's slope steps with it). Small steps, as from a
+// slider, go straight in.
+bool TempoStage::needsFadeLocked(int inst) const {
+    const auto i = static_cast<size_t>(inst);
+    const double rate = std::exp2(pitch_.load() / 12.0) * tempoFreq_.load() / static_cast<double>(freq());
+    return used_[i] && ((rate != 1 && (rate > 1 ? 1 : -1) != side_[i]) ||
+                        std::fabs(std::log2(rate / stRate_[i])) > kStepOctaves);
+}
+
+void TempoStage::configureLocked(int inst) {
+    auto& st = *pool_[static_cast<size_t>(inst)];
+    st.setSetting(SETTING_USE_AA_FILTER, aaFilter_.load());
+    st.setSetting(SETTING_AA_FILTER_LENGTH, aaLength_.load());
+    st.setSetting(SETTING_USE_QUICKSEEK, quickSeek_.load());
+    st.setSetting(SETTING_SEQUENCE_MS, sequenceMs_.load());
+    st.setSetting(SETTING_SEEKWINDOW_MS, seekWindowMs_.load());
+    st.setSetting(SETTING_OVERLAP_MS, overlapMs_.load());
+    setRatesLocked(inst);
+}
+
+// After tempo, pitch or rate changed: the instance in the path takes the
+// change if it can without a cut; otherwise an idle one is set up and the
+// next block crossfades to it (or to pass-through).
+void TempoStage::retargetLocked() {
+    if (neutral()) {
+        pending_ = cur_ == kPassThrough ? kNone : kPassThrough;
+    } else if (cur_ >= 0 && !needsFadeLocked(cur_)) {
+        setRatesLocked(cur_);
+        pending_ = kNone;
+    } else if (pending_ >= 0) {
+        setRatesLocked(pending_);
+    } else {
+        int spare = 0;
+        while (spare == cur_ || (fading_ && spare == old_))
+            ++spare;
+        pool_[static_cast<size_t>(spare)]->clear();
+        used_[static_cast<size_t>(spare)] = false;
+        configureLocked(spare);
+        pending_ = spare;
+    }
 }
 
 float TempoStage::rateRatio() const {
@@ -153,40 +233,39 @@ bool TempoStage::applyAttribute(DWORD attrib, float value) {
     if (attrib < BASS_ATTRIB_TEMPO || attrib > BASS_ATTRIB_TEMPO_OPTION_PREVENT_CLICK)
         return Stage::setAttribute(attrib, value);
     if (std::isnan(value)) return fail(BASS_ERROR_ILLPARAM);
-    const auto flag = [&](std::atomic<int>& a, int setting) {
+    // Options go to the instance in the path and to the one about to be;
+    // an idle one is given all of them when it is set up.
+    const auto setting = [&](int id, int v) {
+        for (const int i : {cur_, pending_})
+            if (i >= 0) pool_[static_cast<size_t>(i)]->setSetting(id, v);
+    };
+    const auto flag = [&](std::atomic<int>& a, int id) {
         if (value != 0 && value != 1) return false;
         a.store(static_cast<int>(value));
-        if (setting >= 0) st_->setSetting(setting, static_cast<int>(value));
+        if (id >= 0) setting(id, static_cast<int>(value));
         return true;
     };
-    const auto whole = [&](std::atomic<int>& a, int setting, float lo, float hi) {
+    const auto whole = [&](std::atomic<int>& a, int id, float lo, float hi) {
         if (!isWhole(value) || !inRange(value, lo, hi)) return false;
         a.store(static_cast<int>(value));
-        st_->setSetting(setting, static_cast<int>(value));
+        setting(id, static_cast<int>(value));
         return true;
     };
     std::lock_guard lock(settingsMutex_);
-    bool ok = true;
+    bool ok = true, rates = false;
     switch (attrib) {
     case BASS_ATTRIB_TEMPO:
-        if ((ok = inRange(value, kTempoMin, kTempoMax))) {
-            tempo_.store(value);
-            st_->setTempo(1.0 + value / 100.0);
-        }
+        if ((ok = rates = inRange(value, kTempoMin, kTempoMax))) tempo_.store(value);
         break;
     case BASS_ATTRIB_TEMPO_PITCH:
-        if ((ok = inRange(value, -kPitchMax, kPitchMax))) {
-            pitch_.store(value);
-            st_->setPitchSemiTones(static_cast<double>(value));
-        }
+        if ((ok = rates = inRange(value, -kPitchMax, kPitchMax))) pitch_.store(value);
         break;
     case BASS_ATTRIB_TEMPO_FREQ: {
         const double src = freq();
         if (value == 0) value = static_cast<float>(src);
-        if ((ok = inRange(value, static_cast<float>(src / kFreqSpan), static_cast<float>(src * kFreqSpan)))) {
+        if ((ok = rates =
+                 inRange(value, static_cast<float>(src / kFreqSpan), static_cast<float>(src * kFreqSpan))))
             tempoFreq_.store(value);
-            st_->setRate(value / src);
-        }
         break;
     }
     case BASS_ATTRIB_TEMPO_OPTION_USE_AA_FILTER:
@@ -197,7 +276,7 @@ bool TempoStage::applyAttribute(DWORD attrib, float value) {
         if ((ok = inRange(value, 8, 128))) {
             const int taps = static_cast<int>(value) / 8 * 8;
             aaLength_.store(taps);
-            st_->setSetting(SETTING_AA_FILTER_LENGTH, taps);
+            setting(SETTING_AA_FILTER_LENGTH, taps);
         }
         break;
     case BASS_ATTRIB_TEMPO_OPTION_USE_QUICKALGO:
@@ -213,13 +292,13 @@ bool TempoStage::applyAttribute(DWORD attrib, float value) {
         ok = whole(overlapMs_, SETTING_OVERLAP_MS, 1, 50);
         break;
     case BASS_ATTRIB_TEMPO_OPTION_PREVENT_CLICK:
-        ok = flag(preventClick_, -1);
+        ok = rates = flag(preventClick_, -1);
         break;
     default:
         return fail(BASS_ERROR_ILLTYPE);
     }
     if (!ok) return fail(BASS_ERROR_ILLPARAM);
-    applyRatioLocked();
+    if (rates) retargetLocked();
     return succeed();
 }
 
@@ -266,38 +345,66 @@ bool TempoStage::getAttribute(DWORD attrib, float& value) {
 // ---------------------------------------------------------------- rendering
 
 void TempoStage::resetAccounting() {
+    readTotal_ = 0;
     fed_ = 0;
     expectedOut_ = 0;
     received_ = 0;
-    ratio_ = stRatio_;
+    ratio_ = ratioOf(cur_);
     drainZeros_ = 0;
     nextSrc_ = -1;
     segHead_ = segCount_ = 0;
 }
 
-// Neutral settings switch SoundTouch out of the path, and anything else back
-// in, at the start of a block. Leaving it first gives back what it holds, so
-// no audio is skipped.
-void TempoStage::beginBlock() {
-    const bool passThrough = neutral();
-    if (mode_ == Mode::PassThrough && !passThrough) {
-        std::lock_guard lock(settingsMutex_);
-        st_->clear();
-        resetAccounting();
-        mode_ = Mode::Processing;
-    } else if (mode_ == Mode::Processing && passThrough) {
-        startDrain(false);
+void TempoStage::endFade() {
+    if (fading_ && old_ >= 0) {
+        pool_[static_cast<size_t>(old_)]->clear();
+        used_[static_cast<size_t>(old_)] = false;
     }
+    fading_ = false;
+    old_ = kNone;
 }
 
-void TempoStage::startDrain(bool toEnd) {
-    mode_ = Mode::Draining;
-    drainToEnd_ = toEnd;
+// A change the path in use could not take is picked up here: the new path
+// starts on the source frame the old one plays next (the queue keeps what
+// was read), both run side by side, and the old one fades out.
+void TempoStage::beginBlock() {
+    std::lock_guard lock(settingsMutex_);
+    if (pending_ == kNone || fading_) return; // a crossfade under way finishes first
+    const int to = pending_;
+    pending_ = kNone;
+    if (!flowing_) { // nothing taken from the source yet: there is nothing to fade from
+        if (cur_ >= 0) {
+            pool_[static_cast<size_t>(cur_)]->clear();
+            used_[static_cast<size_t>(cur_)] = false;
+        }
+        cur_ = to;
+        resetAccounting();
+        mode_ = cur_ == kPassThrough ? Mode::Direct : Mode::Queued;
+        return;
+    }
+    uint64_t from = 0;
+    if (mode_ == Mode::Direct) {
+        resetAccounting();
+    } else {
+        const uint64_t kept = std::min<uint64_t>(readTotal_, queueFrames_ - 2 * kFeedFrames);
+        from = std::clamp<uint64_t>(static_cast<uint64_t>(std::llround(outputIndex())), readTotal_ - kept,
+                                    readTotal_);
+    }
+    old_ = cur_;
+    oldNext_ = fed_;
+    fading_ = true;
+    fadePos_ = 0;
+    cur_ = to;
+    fed_ = from;
+    expectedOut_ = 0;
+    received_ = 0;
+    ratio_ = ratioOf(cur_);
     drainZeros_ = 0;
+    mode_ = Mode::Queued;
 }
 
 bool TempoStage::sourceEnded() const {
-    return mode_ == Mode::PassThrough ? sourceDone() : drained_;
+    return mode_ == Mode::Direct ? sourceDone() : drained_;
 }
 
 bool TempoStage::seekSource(uint64_t frame, DWORD mode) {
@@ -306,20 +413,32 @@ bool TempoStage::seekSource(uint64_t frame, DWORD mode) {
     const bool fromRender = currentRenderChannel() == this;
     if (!Stage::seekSource(frame, mode)) return false;
     drained_ = false;
+    srcEnded_ = false;
     if (!fromRender) {
         std::lock_guard lock(settingsMutex_);
-        st_->clear();
+        endFade();
+        if (cur_ >= 0) {
+            pool_[static_cast<size_t>(cur_)]->clear();
+            used_[static_cast<size_t>(cur_)] = false;
+        }
+        if (pending_ != kNone) cur_ = pending_;
+        pending_ = kNone;
         resetAccounting();
-        mode_ = neutral() ? Mode::PassThrough : Mode::Processing;
+        flowing_ = false;
+        mode_ = cur_ == kPassThrough ? Mode::Direct : Mode::Queued;
     }
     return true;
 }
 
 Channel::Span TempoStage::produceSpan(float* out, size_t frames, uint64_t maxTimeline) {
-    if (mode_ == Mode::PassThrough) return passThrough(out, frames, maxTimeline);
+    if (mode_ == Mode::Direct) {
+        const Span span = passThrough(out, frames, maxTimeline);
+        flowing_ = flowing_ || span.frames > 0;
+        return span;
+    }
     const Span span = process(out, frames, maxTimeline);
-    // A drain that finished before giving anything hands over at once.
-    if (span.frames == 0 && !span.starved && mode_ == Mode::PassThrough)
+    // Pass-through that caught up with the reads goes straight to the source again.
+    if (span.frames == 0 && !span.starved && mode_ == Mode::Direct)
         return passThrough(out, frames, maxTimeline);
     return span;
 }
@@ -327,14 +446,16 @@ Channel::Span TempoStage::produceSpan(float* out, size_t frames, uint64_t maxTim
 // A new ratio counts what SoundTouch still holds in the new one, so that the
 // reported position runs on without a jump.
 void TempoStage::rebaseLocked() {
-    if (stRatio_ == ratio_) return;
+    const double r = ratioOf(cur_);
+    if (r == ratio_) return;
     const double heldSource = (expectedOut_ - static_cast<double>(received_)) * ratio_;
-    expectedOut_ = static_cast<double>(received_) + heldSource / stRatio_;
-    ratio_ = stRatio_;
+    expectedOut_ = static_cast<double>(received_) + heldSource / r;
+    ratio_ = r;
 }
 
-// The source frame, counted in frames fed, that the next output frame stands for.
+// The queue index of the source frame the next output frame stands for.
 double TempoStage::outputIndex() const {
+    if (cur_ < 0) return static_cast<double>(fed_);
     return std::max(0.0,
                     static_cast<double>(fed_) - (expectedOut_ - static_cast<double>(received_)) * ratio_);
 }
@@ -369,47 +490,102 @@ void TempoStage::noteFed(double before, double after) {
             segHead_ = (segHead_ + 1) % segments_.size();
             --segCount_;
         }
-        segments_[(segHead_ + segCount_) % segments_.size()] = {fed_, before, dir};
+        segments_[(segHead_ + segCount_) % segments_.size()] = {readTotal_, before, dir};
         ++segCount_;
     }
     nextSrc_ = after;
+}
+
+void TempoStage::record(const float* frames, size_t n) {
+    const unsigned ch = chans();
+    while (n > 0) {
+        const size_t pos = static_cast<size_t>(readTotal_ % queueFrames_);
+        const size_t m = std::min(n, queueFrames_ - pos);
+        std::copy_n(frames, m * ch, queue_.data() + pos * ch);
+        frames += m * ch;
+        readTotal_ += m;
+        n -= m;
+    }
+}
+
+void TempoStage::copyQueued(float* out, uint64_t from, size_t n) const {
+    const unsigned ch = chans();
+    while (n > 0) {
+        const size_t pos = static_cast<size_t>(from % queueFrames_);
+        const size_t m = std::min(n, queueFrames_ - pos);
+        std::copy_n(queue_.data() + pos * ch, m * ch, out);
+        out += m * ch;
+        from += m;
+        n -= m;
+    }
+}
+
+// Feeds an instance what the queue holds from `next` on, up to the ring's end.
+size_t TempoStage::feedQueued(int inst, uint64_t& next) {
+    const size_t pos = static_cast<size_t>(next % queueFrames_);
+    const size_t n = static_cast<size_t>(
+        std::min<uint64_t>({readTotal_ - next, kFeedFrames, static_cast<uint64_t>(queueFrames_ - pos)}));
+    pool_[static_cast<size_t>(inst)]->putSamples(queue_.data() + pos * chans(), static_cast<unsigned>(n));
+    used_[static_cast<size_t>(inst)] = true;
+    next += n;
+    return n;
+}
+
+// The fading path's next `n` frames, faded out under the new path's in `out`.
+void TempoStage::mixFade(float* out, size_t n) {
+    const unsigned ch = chans();
+    if (old_ >= 0) {
+        pool_[static_cast<size_t>(old_)]->receiveSamples(fade_.data(), static_cast<unsigned>(n));
+    } else { // pass-through; past the source's end, silence
+        const size_t have = static_cast<size_t>(std::min<uint64_t>(n, readTotal_ - oldNext_));
+        copyQueued(fade_.data(), oldNext_, have);
+        std::fill(fade_.begin() + static_cast<ptrdiff_t>(have * ch),
+                  fade_.begin() + static_cast<ptrdiff_t>(n * ch), 0.0f);
+        oldNext_ += have;
+    }
+    for (size_t i = 0; i < n; ++i) {
+        const double g = 0.5 - 0.5 * std::cos(M_PI * (static_cast<double>(fadePos_ + i) + 0.5) /
+                                              static_cast<double>(fadeLen_));
+        for (unsigned c = 0; c < ch; ++c) {
+            float& o = out[i * ch + c];
+            o = static_cast<float>(g * o + (1 - g) * fade_[i * ch + c]);
+        }
+    }
+    fadePos_ += n;
+    if (fadePos_ >= fadeLen_) endFade();
+}
+
+size_t TempoStage::fadingAvailable() const {
+    if (old_ >= 0) return pool_[static_cast<size_t>(old_)]->numSamples();
+    return srcEnded_ ? SIZE_MAX : static_cast<size_t>(readTotal_ - oldNext_);
 }
 
 Channel::Span TempoStage::process(float* out, size_t frames, uint64_t maxTimeline) {
     std::unique_lock lock(settingsMutex_);
     rebaseLocked();
     const unsigned ch = chans();
+    soundtouch::SoundTouch* const st = cur_ >= 0 ? pool_[static_cast<size_t>(cur_)].get() : nullptr;
     Span span;
     span.rate = ratio_;
     bool started = false;
     uint64_t read = 0;
     size_t got = 0;
     while (got < frames) {
-        size_t avail = st_->numSamples();
-        if (mode_ == Mode::Draining) {
+        size_t avail = st ? st->numSamples() : static_cast<size_t>(readTotal_ - fed_);
+        if (st && srcEnded_) { // SoundTouch gives back what it holds, pushed out with silence
             const int64_t left = owed();
-            if (left <= 0 || drainZeros_ >= kMaxDrainZeros) {
-                st_->clear();
+            if ((left <= 0 && fed_ >= readTotal_) || drainZeros_ >= kMaxDrainZeros) {
+                endFade();
+                st->clear();
+                used_[static_cast<size_t>(cur_)] = false;
                 resetAccounting();
-                if (drainToEnd_) {
-                    drained_ = true; // a loop or a seek starts over from here
-                    span.starved = true;
-                    mode_ = Mode::Processing;
-                } else {
-                    mode_ = Mode::PassThrough;
-                }
+                drained_ = true; // a loop or a seek starts over from here
+                span.starved = true;
                 break;
             }
-            if (avail == 0) {
-                const auto n =
-                    std::clamp<size_t>(static_cast<size_t>(std::ceil(static_cast<double>(left) * ratio_)),
-                                       kMinFeed, kFeedFrames);
-                st_->putSamples(zeros_.data(), static_cast<unsigned>(n));
-                drainZeros_ += n;
-                continue;
-            }
-            avail = std::min<size_t>(avail, static_cast<size_t>(left));
+            avail = std::min<size_t>(avail, static_cast<size_t>(std::max<int64_t>(left, 0)));
         }
+        if (fading_) avail = std::min(avail, fadingAvailable());
         if (avail > 0) {
             const double index = outputIndex();
             while (segCount_ > 1 &&
@@ -418,8 +594,9 @@ Channel::Span TempoStage::process(float* out, size_t frames, uint64_t maxTimelin
                 --segCount_;
             }
             size_t n = std::min(frames - got, avail);
+            if (fading_) n = std::min(n, fadeLen_ - fadePos_);
             // A span has one mapping onto the source: it ends where the audio
-            // fed after a jump comes out.
+            // read after a jump comes out.
             bool boundary = false;
             if (const Segment* next = segmentAfter(index)) {
                 const auto k = std::max<size_t>(
@@ -434,18 +611,70 @@ Channel::Span TempoStage::process(float* out, size_t frames, uint64_t maxTimelin
                 span.rate = ratio_ * (seg ? seg->dir : 1);
                 started = true;
             }
-            const unsigned taken = st_->receiveSamples(out + got * ch, static_cast<unsigned>(n));
-            got += taken;
-            received_ += taken;
+            if (st) {
+                n = st->receiveSamples(out + got * ch, static_cast<unsigned>(n));
+                received_ += n;
+            } else {
+                copyQueued(out + got * ch, fed_, n);
+                fed_ += n;
+            }
+            if (fading_) mixFade(out + got * ch, n);
+            got += n;
             if (boundary) break;
             continue;
         }
-        // SoundTouch wants more of the source; never past the next position sync.
+        // Something needs input: the path in use, or the one fading out.
+        if (fading_ && fadingAvailable() == 0 && (st ? st->numSamples() : readTotal_ - fed_) > 0) {
+            if (oldNext_ < readTotal_) {
+                feedQueued(old_, oldNext_);
+                continue;
+            }
+            if (srcEnded_) {
+                pool_[static_cast<size_t>(old_)]->putSamples(zeros_.data(),
+                                                             static_cast<unsigned>(kFeedFrames));
+                continue;
+            }
+        } else if (st && fed_ < readTotal_) {
+            expectedOut_ += static_cast<double>(feedQueued(cur_, fed_)) / ratio_;
+            continue;
+        } else if (srcEnded_) {
+            if (st) {
+                const auto n =
+                    std::clamp<size_t>(static_cast<size_t>(std::ceil(static_cast<double>(owed()) * ratio_)),
+                                       kMinFeed, kFeedFrames);
+                st->putSamples(zeros_.data(), static_cast<unsigned>(n));
+                drainZeros_ += n;
+                continue;
+            }
+            endFade(); // pass-through gave everything
+            drained_ = true;
+            span.starved = true;
+            break;
+        } else if (!st && !fading_) { // pass-through caught up with the reads
+            resetAccounting();
+            mode_ = Mode::Direct;
+            break;
+        }
+        // Both want more of the source; never past the next position sync,
+        // nor over what a path has yet to take from the queue.
         if (read >= maxTimeline) break;
+        const uint64_t oldest = fading_ ? std::min(fed_, oldNext_) : fed_;
+        const uint64_t room = queueFrames_ - (readTotal_ - oldest);
+        if (room < kMinFeed) { // an instance lags far behind: it takes its part first
+            if (st && fed_ == oldest)
+                expectedOut_ += static_cast<double>(feedQueued(cur_, fed_)) / ratio_;
+            else if (old_ >= 0)
+                feedQueued(old_, oldNext_);
+            else if (fading_)
+                endFade(); // not reached: pass-through starts within the queue and keeps up with it
+            else
+                break;
+            continue;
+        }
         const auto want = static_cast<size_t>(std::min<uint64_t>(
-            maxTimeline - read,
-            std::clamp<size_t>(static_cast<size_t>(std::ceil(static_cast<double>(frames - got) * ratio_)),
-                               kMinFeed, kFeedFrames)));
+            {maxTimeline - read, room,
+             std::clamp<size_t>(static_cast<size_t>(std::ceil(static_cast<double>(frames - got) * ratio_)),
+                                kMinFeed, kFeedFrames)}));
         // The source is read without the settings lock: its syncs and DSPs
         // are the application's code and may well change these settings.
         lock.unlock();
@@ -454,18 +683,17 @@ Channel::Span TempoStage::process(float* out, size_t frames, uint64_t maxTimelin
         const double after = source_->outputPosition();
         lock.lock();
         // A span keeps one rate: a change made meanwhile ends it.
-        const bool rateChanged = stRatio_ != ratio_ && started;
+        const bool rateChanged = ratioOf(cur_) != ratio_ && started;
         rebaseLocked();
         if (r) {
             noteFed(before, after);
-            st_->putSamples(feed_.data(), static_cast<unsigned>(r));
-            fed_ += r;
-            expectedOut_ += static_cast<double>(r) / ratio_;
+            record(feed_.data(), r);
             read += r;
+            flowing_ = true;
         }
         if (r < want) {
             if (sourceDone()) {
-                startDrain(true);
+                srcEnded_ = true;
                 if (rateChanged) break;
                 continue;
             }

@@ -9,9 +9,11 @@
 //   callbacks may change these settings). SoundTouch allocates when
 //   reconfigured (it redesigns its anti-alias filter on every rate change);
 //   this keeps that off the render thread, and neither side holds the lock
-//   for long.
-// - Everything else (mode, accounting, the source) belongs to the render
-//   thread, under the channel's renderMutex.
+//   for long. A change the instance in the path cannot take without a cut is
+//   set up on an idle instance, and the renderer crossfades to it at its next
+//   block.
+// - Everything else (mode, accounting, the queue, the source) belongs to the
+//   render thread, under the channel's renderMutex.
 #pragma once
 
 #include "fx/Stage.hpp"
@@ -50,15 +52,16 @@ class TempoStage final : public Stage {
     TempoStage(std::shared_ptr<Channel> source, DWORD flags);
     // The highest rate SoundTouch is told (its own limit).
     static constexpr DWORD kMaxTempoRate = 192000;
+    // Paths the audio can take: an instance of pool_, or these.
+    static constexpr int kPassThrough = -1, kNone = -2;
     bool applyAttribute(DWORD attrib, float value);
 
     enum class Mode {
-        PassThrough, // neutral settings: the source's frames as they are
-        Processing,  // through SoundTouch
-        Draining,    // SoundTouch gives back what it holds (before pass-through, or at the end)
+        Direct, // pass-through reading the source straight into the output
+        Queued, // through the queue of source frames: SoundTouch, or pass-through that lags behind the reads
     };
-    // Source frames fed to SoundTouch from fedStart on continue the source
-    // from srcStart in direction dir (a new segment starts at every jump).
+    // Frames of the queue from fedStart on continue the source from
+    // srcStart in direction dir (a new segment starts at every jump).
     struct Segment {
         uint64_t fedStart;
         double srcStart;
@@ -66,10 +69,14 @@ class TempoStage final : public Stage {
     };
 
     bool neutral() const;
-    void applyRatioLocked();
-    void prime();
+    double ratioOf(int path) const;
+    void setRatesLocked(int inst);
+    bool needsFadeLocked(int inst) const;
+    void configureLocked(int inst);
+    void retargetLocked();
+    void prime(soundtouch::SoundTouch& st);
     void resetAccounting();
-    void startDrain(bool toEnd);
+    void endFade();
     Span process(float* out, size_t frames, uint64_t maxTimeline);
     void rebaseLocked();
     double outputIndex() const;
@@ -77,28 +84,49 @@ class TempoStage final : public Stage {
     const Segment* segmentAfter(double index) const;
     void noteFed(double before, double after);
     int64_t owed() const;
+    void record(const float* frames, size_t n);
+    void copyQueued(float* out, uint64_t from, size_t n) const;
+    size_t feedQueued(int inst, uint64_t& next);
+    void mixFade(float* out, size_t n);
+    size_t fadingAvailable() const;
 
-    std::unique_ptr<soundtouch::SoundTouch> st_;
+    // Three, so that a change can always be prepared on an idle one while
+    // two are being crossfaded.
+    std::array<std::unique_ptr<soundtouch::SoundTouch>, 3> pool_;
     mutable std::mutex settingsMutex_;
-    double stRatio_ = 1; // settingsMutex_: source frames per output frame as SoundTouch is set
+    // settingsMutex_: how each instance is set. side_ is the side of 1 its
+    // transposer's rate stays on; used_ that it has been fed since cleared.
+    std::array<double, 3> stRatio_{1, 1, 1}; // source frames per output frame
+    std::array<double, 3> stRate_{1, 1, 1};  // the transposer's rate
+    std::array<int, 3> side_{-1, -1, -1};
+    std::array<bool, 3> used_{};
+    // settingsMutex_: the path the audio takes (cur_), the one fading out
+    // (old_, while fading_) and the one to switch to at the next block.
+    int cur_ = kPassThrough, old_ = kNone, pending_ = kNone;
+    bool fading_ = false;
 
     std::atomic<float> tempo_{0}, pitch_{0}, tempoFreq_{0};
     std::atomic<int> aaFilter_{1}, aaLength_{64}, quickSeek_{0}, sequenceMs_{0}, seekWindowMs_{0},
         overlapMs_{8}, preventClick_{0};
 
     // Render state.
-    Mode mode_ = Mode::PassThrough;
-    bool drainToEnd_ = false;
-    bool drained_ = false;    // the source ended and SoundTouch gave back everything
-    uint64_t fed_ = 0;        // source frames fed since SoundTouch was last cleared
-    double expectedOut_ = 0;  // output frames those stand for
-    uint64_t received_ = 0;   // output frames taken
+    Mode mode_ = Mode::Direct;
+    bool flowing_ = false;    // the source has been read since creation or the last seek
+    bool srcEnded_ = false;   // the source has nothing more: paths are fed silence
+    bool drained_ = false;    // the source ended and the path gave back everything
+    uint64_t readTotal_ = 0;  // queue index of the next frame read from the source
+    uint64_t fed_ = 0;        // queue index of the next frame the current path takes
+    double expectedOut_ = 0;  // output frames what SoundTouch was fed stands for
+    uint64_t received_ = 0;   // output frames taken from SoundTouch
     double ratio_ = 1;        // the ratio expectedOut_ is counted in
-    uint64_t drainZeros_ = 0; // silence fed while draining
-    double nextSrc_ = -1;     // where the last segment expects the source next
+    uint64_t drainZeros_ = 0; // silence fed at the end
+    uint64_t oldNext_ = 0;    // queue index of the next frame the fading path takes
+    size_t fadePos_ = 0, fadeLen_ = 1;
+    double nextSrc_ = -1; // where the last segment expects the source next
     std::array<Segment, 64> segments_{};
     size_t segHead_ = 0, segCount_ = 0;
-    std::vector<float> feed_, zeros_;
+    size_t queueFrames_ = 0; // frames the queue holds: recent source, for a new path to start from
+    std::vector<float> queue_, feed_, zeros_, fade_;
 };
 
 } // namespace tavro::platform

@@ -273,7 +273,7 @@ template <class Impl> class EffectOf final : public EffectEntry {
     // reverb or an echo that comes in starts from a faded input instead of
     // ringing with the cut, and one that goes out takes its tail with it.
     void crossfade(Channel& ch, float* f, size_t n, float want) {
-        std::array<float, kFadeChunk> w;
+        std::array<float, kFadeChunk> w{};
         const float step = 1.0f / static_cast<float>(glideFrames_);
         for (size_t i = 0; i < n; ++i) {
             mix_ = want > mix_ ? std::min(want, mix_ + step) : std::max(want, mix_ - step);

@@ -91,8 +91,46 @@ const char* stateName(int64_t s) {
     }
 }
 
+// Where the sound goes, and what happens to it: the sound server may go away
+// (a restart, a crash) and come back; the engine holds playback meanwhile and
+// resumes it by itself, and the player only tells the listener.
+class OutputWatch {
+  public:
+    // `viaEngine`: the engine was started (else the device was opened directly).
+    OutputWatch(TavroEngine& engine, bool viaEngine) : engine_(engine), viaEngine_(viaEngine) {
+        engine.setOnAudioDeviceChange([this](int64_t code) {
+            if (code != 4 || lost_) return;
+            lost_ = true;
+            std::printf("\n[output] the sound server went away: playback is held and resumes when it returns\n");
+        });
+    }
+    ~OutputWatch() { engine_.setOnAudioDeviceChange({}); }
+    static void describe(bool chosen) {
+        BASS_DEVICEINFO di{};
+        const DWORD device = BASS_GetDevice();
+        BASS_GetDeviceInfo(device, &di);
+        if (device == 0 && !chosen)
+            std::printf("No sound server is reachable: playing on the no-sound device, nothing will be heard.\n");
+        else
+            std::printf("Playing on device %u: %s\n", device, di.name ? di.name : "");
+    }
+    // Called from the main loop: notices the output running again.
+    void poll() {
+        if (!lost_) return;
+        if (viaEngine_ ? engine_.resumeOutputNeedsReinit() : !BASS_Start()) return;
+        lost_ = false;
+        std::printf("\n[output] the sound server is back: ");
+        describe(true);
+    }
+
+  private:
+    TavroEngine& engine_;
+    const bool viaEngine_;
+    bool lost_ = false;
+};
+
 // A tone through a push stream, for when no file is given.
-int playTone() {
+int playTone(OutputWatch& watch) {
     std::printf("No file given: a two-second tone through a push stream.\n");
     const DWORD rate = 44100;
     HSTREAM h = BASS_StreamCreate(rate, 2, BASS_SAMPLE_FLOAT, STREAMPROC_PUSH, nullptr);
@@ -110,6 +148,7 @@ int playTone() {
         std::printf("\r  level L %-40s %.2f", std::string(static_cast<size_t>(n), '|').c_str(), lv[0]);
         std::fflush(stdout);
         TavroMainQueue::runFor(std::chrono::milliseconds(50));
+        watch.poll();
     }
     std::printf("\n");
     BASS_StreamFree(h);
@@ -151,14 +190,13 @@ int main(int argc, char** argv) {
     } else {
         BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
     }
-    BASS_DEVICEINFO di{};
-    BASS_GetDeviceInfo(BASS_GetDevice(), &di);
-    std::printf("Playing on device %u: %s\n", BASS_GetDevice(), di.name ? di.name : "");
+    OutputWatch::describe(opt.device != -2);
+    OutputWatch watch(*engine, opt.device == -2);
     engine->loadAllPlugins();
 
     int status = 0;
     if (opt.file.empty()) {
-        status = playTone();
+        status = playTone(watch);
     } else {
         auto player = TavroPlayer::init();
         player->setReverseEnabled(true); // tempo stage over a reverse stage
@@ -263,6 +301,7 @@ int main(int argc, char** argv) {
                 if (opt.tour && next < tour.size() && t >= tour[next].first) act(tour[next++].second);
                 if (int k = term.key()) act(k);
                 if (opt.seconds > 0 && t >= opt.seconds) done = true;
+                watch.poll();
             }
             std::printf("\n");
             player->releaseStream();

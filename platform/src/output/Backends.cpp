@@ -139,6 +139,9 @@ class PulseBackend final : public Backend {
 
   private:
     static constexpr std::chrono::milliseconds kFirstRetry{50};
+    // How far ahead of the server's playback the output stays while nothing
+    // plays: two of its 10 ms requests.
+    static constexpr int64_t kIdleAheadNs = 20'000'000;
     // Short enough that sound is back within a second of the server.
     static constexpr std::chrono::milliseconds kLongestRetry{800};
 
@@ -371,6 +374,15 @@ class PulseBackend final : public Backend {
         if (!self->raised_) {
             raiseAudioThreadPriority(); // the mix runs on this thread
             self->raised_ = true;
+        }
+        // With nothing playing, the server is kept only a little ahead, so
+        // that a new play is heard after that rather than after the whole
+        // buffer; the buffer fills up again as soon as something plays.
+        if (!self->prefill_ && delayNs >= 0 && !self->device_.anyPlaying()) {
+            const int64_t room = kIdleAheadNs - delayNs;
+            if (room <= 0) return; // the server asks again as it plays
+            const size_t bytes = static_cast<size_t>(room * self->device_.rate() / 1'000'000'000) * 2 * sizeof(float);
+            nbytes = std::min(nbytes, std::max(bytes, 2 * sizeof(float)));
         }
         while (nbytes > 0) {
             void* data = nullptr;

@@ -66,6 +66,8 @@ class Device : public std::enable_shared_from_this<Device> {
     // the first frame of this block is heard that much later.
     void render(float* out, size_t frames, int64_t delayNs = 0);
     uint64_t framesRendered() const { return framesRendered_.load(std::memory_order_acquire); }
+    // Device thread: whether any channel on the device is playing.
+    bool anyPlaying() const;
     // The device frame (an index counted like framesRendered) being heard at `nowNs`.
     double frameHeardAt(int64_t nowNs) const;
 

@@ -381,6 +381,16 @@ bool Channel::play(bool restart) {
     return succeed();
 }
 
+void Channel::rewindToHeard() {
+    if (isDecoding() || !seekable()) return;
+    std::lock_guard lock(renderMutex_);
+    if (!voice() || ended_.load() || state() == ChannelState::Stopped) return;
+    const uint64_t heard = voice()->heardPosition();
+    if (heard == pos_.load()) return;
+    const uint64_t from = voice()->ring.written();
+    if (seekFramesLocked(heard, 0)) flushBehindNewAudio(heard, from);
+}
+
 bool Channel::pause() {
     if (isDecoding()) return fail(BASS_ERROR_DECODE);
     ChannelState expected = ChannelState::Playing;

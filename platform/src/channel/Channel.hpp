@@ -119,6 +119,10 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     bool play(bool restart);
     bool pause();
     bool stop();
+    // The output broke and is back: what was rendered after the frame heard
+    // when it broke never reached the listener, so a seekable channel goes
+    // on from that frame. (Others go on from where the device took them.)
+    void rewindToHeard();
     DWORD activeState() const;
     ChannelState state() const { return state_.load(std::memory_order_acquire); }
 

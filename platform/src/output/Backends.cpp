@@ -139,9 +139,6 @@ class PulseBackend final : public Backend {
 
   private:
     static constexpr std::chrono::milliseconds kFirstRetry{50};
-    // How far ahead of the server's playback the output stays while nothing
-    // plays: two of its 10 ms requests.
-    static constexpr int64_t kIdleAheadNs = 20'000'000;
     // Short enough that sound is back within a second of the server.
     static constexpr std::chrono::milliseconds kLongestRetry{800};
 
@@ -161,7 +158,7 @@ class PulseBackend final : public Backend {
     // A null sink (a virtual output) with nothing to play sleeps up to two
     // seconds at a time, and a new stream does not wake it: the first audio
     // would wait for that sleep to end. Cycling it through suspend restarts
-    // its clock. Only done when our stream is its only input, so that nobody
+    // its clock. Only done when no other stream plays on it, so that nobody
     // else's sound is touched; hardware sinks wake by themselves.
     void wakeSinkLocked() {
         if (auto* op = pa_context_get_sink_info_by_index(ctx_, pa_stream_get_device_index(stream_),
@@ -179,7 +176,8 @@ class PulseBackend final : public Backend {
     static void onInputOfSinkToWake(pa_context* c, const pa_sink_input_info* i, int eol, void* ud) {
         auto* self = static_cast<PulseBackend*>(ud);
         if (!eol) {
-            if (i && i->sink == self->wakeSink_ && self->stream_ && i->index != pa_stream_get_index(self->stream_))
+            if (i && i->sink == self->wakeSink_ && !i->corked && self->stream_ &&
+                i->index != pa_stream_get_index(self->stream_))
                 ++self->otherInputs_;
             return;
         }
@@ -189,7 +187,7 @@ class PulseBackend final : public Backend {
     }
 
     // A context and a stream on the chosen sink, or on the server's default
-    // when that sink is not there (now). Runs the stream if it should run.
+    // when that sink is not there (now), left corked.
     bool connectLocked() {
         loop_ = pa_threaded_mainloop_new();
         if (!loop_) return false;
@@ -208,15 +206,7 @@ class PulseBackend final : public Backend {
                 pa_operation_unref(op);
             ok = connectStream(sink_.empty() ? nullptr : sink_.c_str()) || (!sink_.empty() && connectStream(nullptr));
         }
-        if (ok) {
-            live_.store(true);
-            if (wantRunning_)
-                if (auto* op = pa_stream_cork(stream_, 0, nullptr, nullptr)) {
-                    pa_operation_unref(op);
-                    prefill_ = false;
-                    wakeSinkLocked();
-                }
-        }
+        if (ok) live_.store(true);
         pa_threaded_mainloop_unlock(loop_);
         return ok;
     }
@@ -238,9 +228,9 @@ class PulseBackend final : public Backend {
         const uint32_t frameBytes = 2 * sizeof(float);
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<uint32_t>(-1);
-        attr.tlength = device_.rate() * 60 / 1000 * frameBytes;
+        attr.tlength = device_.rate() * 45 / 1000 * frameBytes;
         attr.prebuf = static_cast<uint32_t>(-1);
-        attr.minreq = device_.rate() * 10 / 1000 * frameBytes;
+        attr.minreq = device_.rate() * 5 / 1000 * frameBytes;
         attr.fragsize = static_cast<uint32_t>(-1);
         const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
                                                           PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_START_CORKED);
@@ -332,9 +322,16 @@ class PulseBackend final : public Backend {
                 closeLocked();
                 return false;
             }
-            lost_.store(false);
         }
+        // The channels are put back while the new stream is still corked,
+        // without connMutex_: their render lock is held around application
+        // code that may ask the output for its latency.
         device_.outputRestored();
+        {
+            std::lock_guard lock(connMutex_);
+            lost_.store(false);
+            if (wantRunning_) corkLocked(false);
+        }
         PulseDirectory::snapshot(); // the device list follows the server back
         return true;
     }
@@ -375,15 +372,7 @@ class PulseBackend final : public Backend {
             raiseAudioThreadPriority(); // the mix runs on this thread
             self->raised_ = true;
         }
-        // With nothing playing, the server is kept only a little ahead, so
-        // that a new play is heard after that rather than after the whole
-        // buffer; the buffer fills up again as soon as something plays.
-        if (!self->prefill_ && delayNs >= 0 && !self->device_.anyPlaying()) {
-            const int64_t room = kIdleAheadNs - delayNs;
-            if (room <= 0) return; // the server asks again as it plays
-            const size_t bytes = static_cast<size_t>(room * self->device_.rate() / 1'000'000'000) * 2 * sizeof(float);
-            nbytes = std::min(nbytes, std::max(bytes, 2 * sizeof(float)));
-        }
+        const size_t frameBytes = 2 * sizeof(float);
         while (nbytes > 0) {
             void* data = nullptr;
             size_t n = nbytes;
@@ -398,11 +387,11 @@ class PulseBackend final : public Backend {
             // periods deep) are not drained at once by one large request
             // when sound comes back after a reconnection.
             if (self->prefill_)
-                std::memset(data, 0, frames * 2 * sizeof(float));
+                std::memset(data, 0, frames * frameBytes);
             else
                 self->device_.render(static_cast<float*>(data), frames, delayNs);
             if (delayNs >= 0) delayNs += static_cast<int64_t>(frames) * 1'000'000'000 / self->device_.rate();
-            pa_stream_write(s, data, frames * 2 * sizeof(float), nullptr, 0, PA_SEEK_RELATIVE);
+            pa_stream_write(s, data, frames * frameBytes, nullptr, 0, PA_SEEK_RELATIVE);
             nbytes -= std::min(nbytes, frames * 2 * sizeof(float));
         }
     }

@@ -169,16 +169,15 @@ void Device::render(float* out, size_t frames, int64_t delayNs) {
     callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
 }
 
-bool Device::anyPlaying() const {
-    for (Channel* ch : *live_.load(std::memory_order_acquire))
-        if (ch->state() == ChannelState::Playing) return true;
-    return false;
-}
-
 void Device::outputLost() {
     const double heard = std::min(frameHeardAt(monotonicNs()), static_cast<double>(framesRendered()));
     frozenHeard_.store(std::max(0.0, heard), std::memory_order_relaxed);
     lost_.store(true, std::memory_order_release);
+}
+
+void Device::outputRestored() {
+    for (auto& ch : attachedChannels()) ch->rewindToHeard();
+    resumeDue_.store(true, std::memory_order_release);
 }
 
 double Device::frameHeardAt(int64_t nowNs) const {

@@ -58,7 +58,8 @@ class Device : public std::enable_shared_from_this<Device> {
     bool isOutputLost() const { return lost_.load(std::memory_order_acquire); }
     // Backend side.
     void outputLost();
-    void outputRestored() { resumeDue_.store(true, std::memory_order_release); }
+    // Before the new output runs: puts the channels back to what was heard.
+    void outputRestored();
     DWORD latencyMs() const { return backend_ ? backend_->latencyMs() : 0; }
 
     // Device thread: mixes every playing channel into interleaved stereo.
@@ -66,8 +67,6 @@ class Device : public std::enable_shared_from_this<Device> {
     // the first frame of this block is heard that much later.
     void render(float* out, size_t frames, int64_t delayNs = 0);
     uint64_t framesRendered() const { return framesRendered_.load(std::memory_order_acquire); }
-    // Device thread: whether any channel on the device is playing.
-    bool anyPlaying() const;
     // The device frame (an index counted like framesRendered) being heard at `nowNs`.
     double frameHeardAt(int64_t nowNs) const;
 

@@ -2,6 +2,7 @@
 // guarantee that removed callbacks are never called again.
 #include "PlatformFixture.hpp"
 #include "RampChannel.hpp"
+#include "output/Device.hpp"
 #include "runtime/SyncThread.hpp"
 
 #include <atomic>
@@ -134,4 +135,26 @@ TEST_F(PlaybackTest, StoppingTheOutputPausesChannelsUntilStarted) {
     EXPECT_EQ(BASS_ErrorGetCode(), BASS_ERROR_START);
     ASSERT_TRUE(BASS_Start());
     EXPECT_EQ(BASS_ChannelIsActive(h), static_cast<DWORD>(BASS_ACTIVE_PLAYING));
+}
+
+// The no-sound device and the update thread sleep while nothing plays, wake
+// at a play, and the time they spend shows in the CPU reading.
+TEST_F(PlaybackTest, TheOutputIdlesWhileNothingPlaysAndItsWorkShowsInTheCpuReading) {
+    auto device = tavro::platform::Device::current();
+    ASSERT_TRUE(waitFor([&] { return !device->anyPlaying(); }, std::chrono::milliseconds(500)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const uint64_t idle = device->framesRendered();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(device->framesRendered(), idle);
+
+    BASS_GetCPU();
+    HSTREAM h = BASS_StreamCreate(44100, 2, BASS_SAMPLE_FLOAT, STREAMPROC_PUSH, nullptr);
+    const auto tone = sine(440, 44100, 44100, 2, 0.5f);
+    BASS_StreamPutData(h, tone.data(), static_cast<DWORD>(tone.size() * sizeof(float)));
+    ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
+    EXPECT_TRUE(waitFor([&] { return BASS_ChannelGetPosition(h, BASS_POS_BYTE) > 0; }, std::chrono::milliseconds(200)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    const float cpu = BASS_GetCPU();
+    EXPECT_GT(cpu, 0.0f);
+    EXPECT_LT(cpu, 100.0f);
 }

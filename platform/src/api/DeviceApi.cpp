@@ -87,6 +87,24 @@ BOOL BASS_Pause(void) {
 
 DWORD BASS_GetVersion(void) { return BASSVERSION_FULL; }
 
+// The share of real time (percent of one core) the audio threads spent
+// rendering and mixing since the previous call, measured over at least
+// 100 ms so that quick calls see a steady figure.
+float BASS_GetCPU(void) {
+    static std::mutex m;
+    static int64_t lastNs = 0, lastBusy = 0;
+    static float percent = 0;
+    std::lock_guard lock(m);
+    const int64_t now = monotonicNs(), busy = audioBusyNs();
+    if (lastNs == 0) {
+        lastNs = now, lastBusy = busy;
+    } else if (now - lastNs >= 100'000'000) {
+        percent = static_cast<float>(static_cast<double>(busy - lastBusy) * 100.0 / static_cast<double>(now - lastNs));
+        lastNs = now, lastBusy = busy;
+    }
+    return percent;
+}
+
 BOOL BASS_GetDeviceInfo(DWORD device, BASS_DEVICEINFO* info) {
     if (!info) return fail(BASS_ERROR_ILLPARAM);
     const ServerDevices sd = PulseDirectory::snapshot();

@@ -41,6 +41,13 @@ class NoSoundBackend final : public Backend {
         thread_.join();
     }
     DWORD latencyMs() const override { return 10; }
+    void wake() override {
+        {
+            std::lock_guard lock(mutex_);
+            woken_ = true;
+        }
+        cv_.notify_all();
+    }
 
   private:
     static size_t kPeriodFrames(DWORD rate) { return rate / 100 + 1; }
@@ -50,9 +57,10 @@ class NoSoundBackend final : public Backend {
         // Frames due are computed from the elapsed time, so the long-run rate
         // is exact whatever the scheduling jitter.
         using namespace std::chrono;
-        const auto t0 = steady_clock::now();
+        auto t0 = steady_clock::now();
         uint64_t done = 0;
         const double rate = device_.rate();
+        bool justWoken = false;
         std::unique_lock lock(mutex_);
         while (!quit_) {
             lock.unlock();
@@ -64,7 +72,19 @@ class NoSoundBackend final : public Backend {
                 done += n;
             }
             lock.lock();
-            cv_.wait_for(lock, milliseconds(5), [this] { return quit_; });
+            // Nothing to play: sleep until a channel starts (the first pass
+            // after waking has rendered nothing yet, so it does not count),
+            // and count time afresh from then.
+            if (!justWoken && !device_.anyPlaying()) {
+                cv_.wait(lock, [this] { return quit_ || woken_; });
+                t0 = steady_clock::now();
+                done = 0;
+                justWoken = true;
+            } else {
+                justWoken = false;
+                cv_.wait_for(lock, milliseconds(5), [this] { return quit_; });
+            }
+            woken_ = false;
         }
     }
 
@@ -72,7 +92,7 @@ class NoSoundBackend final : public Backend {
     std::vector<float> buffer_;
     std::mutex mutex_;
     std::condition_variable cv_;
-    bool quit_ = false;
+    bool quit_ = false, woken_ = false;
     std::thread thread_;
 };
 

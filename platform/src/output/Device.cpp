@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <iterator>
 #include <map>
 #include <pthread.h>
 #include <sched.h>
@@ -18,6 +19,7 @@
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace tavro::platform {
 
@@ -49,8 +51,16 @@ void raiseAudioThreadPriority() {
 }
 
 namespace {
+std::atomic<int64_t> busyNs{0};
+} // namespace
 
-// Renders playing channels ahead into their rings.
+void addAudioBusyNs(int64_t ns) { busyNs.fetch_add(ns, std::memory_order_relaxed); }
+int64_t audioBusyNs() { return busyNs.load(std::memory_order_relaxed); }
+
+namespace {
+
+// Renders playing channels ahead into their rings. With nothing playing it
+// sleeps until a channel starts.
 class Updater {
   public:
     Updater() {
@@ -76,16 +86,23 @@ class Updater {
                 work.insert(work.end(), chans.begin(), chans.end());
             }
             const DWORD bufferMs = Config::value(BASS_CONFIG_BUFFER);
+            const int64_t start = monotonicNs();
+            bool playing = false;
             for (auto& ch : work) {
-                if (ch->state() != ChannelState::Playing || ch->ended() || ch->isFreed()) continue;
-                ch->fillRing(ch->ringTarget());
+                if (ch->state() != ChannelState::Playing || ch->isFreed()) continue;
+                playing = true; // an ended one still plays out its ring
+                if (!ch->ended()) ch->fillRing(ch->ringTarget());
             }
+            addAudioBusyNs(monotonicNs() - start);
             work.clear(); // release references before sleeping
             DWORD period = Config::value(BASS_CONFIG_UPDATEPERIOD);
             // Never sleep longer than a third of the buffer, or it would run dry.
             period = std::clamp<DWORD>(period == 0 ? 10 : period, 5, std::max<DWORD>(5, bufferMs / 3));
             std::unique_lock lock(mutex_);
-            cv_.wait_for(lock, std::chrono::milliseconds(period), [this] { return woken_; });
+            if (playing)
+                cv_.wait_for(lock, std::chrono::milliseconds(period), [this] { return woken_; });
+            else
+                cv_.wait(lock, [this] { return woken_; });
             woken_ = false;
         }
     }
@@ -109,6 +126,7 @@ Device::Device(int number, DWORD rate, DWORD flags) : number_(number), rate_(rat
 Device::~Device() {
     if (backend_) backend_->stop();
     backend_.reset();
+    retired_.clear(); // no callback runs any more
     delete live_.load();
 }
 
@@ -157,16 +175,20 @@ void Device::render(float* out, size_t frames, int64_t delayNs) {
     const float gStream = static_cast<float>(Config::value(BASS_CONFIG_GVOL_STREAM)) / 10000.0f;
     const float gMusic = static_cast<float>(Config::value(BASS_CONFIG_GVOL_MUSIC)) / 10000.0f;
     const float gSample = static_cast<float>(Config::value(BASS_CONFIG_GVOL_SAMPLE)) / 10000.0f;
+    bool playing = false;
     for (Channel* ch : *list) {
         Voice* v = ch->voice();
         if (!v || ch->state() != ChannelState::Playing) continue;
+        playing = true;
         const DWORD ct = ch->ctype();
         const float g = (ct & BASS_CTYPE_MUSIC_MOD) ? gMusic : (ct == BASS_CTYPE_SAMPLE) ? gSample : gStream;
         v->mix(out, frames, clock, now, g);
     }
+    playing_.store(playing, std::memory_order_release);
     for (size_t i = 0; i < frames * 2; ++i) out[i] = std::clamp(out[i], -1.0f, 1.0f);
     framesRendered_.fetch_add(frames, std::memory_order_acq_rel);
     callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
+    addAudioBusyNs(monotonicNs() - now);
 }
 
 void Device::outputLost() {
@@ -186,34 +208,49 @@ double Device::frameHeardAt(int64_t nowNs) const {
     return static_cast<double>(c.index) + static_cast<double>(nowNs - c.heardNs) * 1e-9 * c.rate;
 }
 
-void Device::publishLocked() {
-    auto* next = new std::vector<Channel*>();
+std::vector<Device::Retired> Device::publishLocked(std::vector<std::shared_ptr<Channel>> keep) {
+    auto next = std::make_unique<std::vector<Channel*>>();
     next->reserve(owners_.size());
     for (auto& c : owners_) next->push_back(c.get());
-    const std::vector<Channel*>* old = live_.exchange(next, std::memory_order_acq_rel);
-    // A callback that started before the exchange may still read the old list.
+    const std::vector<Channel*>* old = live_.exchange(next.release(), std::memory_order_acq_rel);
+    retired_.push_back({std::unique_ptr<const std::vector<Channel*>>(old), callbackSeq_.load(std::memory_order_acquire),
+                        std::move(keep)});
+    return reclaimLocked(false);
+}
+
+// A list replaced while no callback ran (an even count), or before a callback
+// that has finished since (the count moved on), is no longer read.
+std::vector<Device::Retired> Device::reclaimLocked(bool all) {
     const uint64_t seq = callbackSeq_.load(std::memory_order_acquire);
-    if (seq & 1u)
-        while (callbackSeq_.load(std::memory_order_acquire) == seq)
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
-    delete old;
+    std::vector<Retired> done;
+    for (auto it = retired_.begin(); it != retired_.end();) {
+        if (!all && (it->seq & 1u) && it->seq == seq) {
+            ++it;
+            continue;
+        }
+        done.push_back(std::move(*it));
+        it = retired_.erase(it);
+    }
+    return done;
 }
 
 void Device::attach(const std::shared_ptr<Channel>& ch) {
+    std::vector<Retired> released; // dropped after the lock
     std::lock_guard lock(writerMutex_);
+    if (backend_) backend_->wake();
     if (std::find(owners_.begin(), owners_.end(), ch) != owners_.end()) return;
     owners_.push_back(ch);
-    publishLocked();
+    released = publishLocked();
 }
 
 void Device::detach(Channel& ch) {
-    std::shared_ptr<Channel> released; // dropped after the lock, outside the device's view
+    std::vector<Retired> released; // dropped after the lock, outside the device's view
     std::lock_guard lock(writerMutex_);
     auto it = std::find_if(owners_.begin(), owners_.end(), [&](auto& c) { return c.get() == &ch; });
     if (it == owners_.end()) return;
-    released = std::move(*it);
+    std::vector<std::shared_ptr<Channel>> leaving{std::move(*it)};
     owners_.erase(it);
-    publishLocked();
+    released = publishLocked(std::move(leaving));
 }
 
 std::vector<std::shared_ptr<Channel>> Device::attachedChannels() {
@@ -242,10 +279,13 @@ void Device::shutdown() {
         Handles::remove(ch->handle());
         ch->free();
     }
+    std::vector<Retired> released;
     std::lock_guard lock(writerMutex_);
-    owners_.clear();
-    publishLocked();
+    released = publishLocked(std::exchange(owners_, {}));
     backend_.reset();
+    // The device thread has stopped: nothing reads the old lists any more.
+    auto rest = reclaimLocked(true);
+    std::move(rest.begin(), rest.end(), std::back_inserter(released));
 }
 
 bool Device::registerInitialised(const std::shared_ptr<Device>& d) {

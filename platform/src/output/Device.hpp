@@ -39,7 +39,13 @@ class Backend {
     virtual void stop() = 0;
     virtual bool failed() const { return false; }
     virtual DWORD latencyMs() const { return 0; }
+    // A channel started: an output that idles while nothing plays runs again.
+    virtual void wake() {}
 };
+
+// Time the audio threads spend rendering and mixing, for BASS_GetCPU.
+void addAudioBusyNs(int64_t ns);
+int64_t audioBusyNs();
 
 class Device : public std::enable_shared_from_this<Device> {
   public:
@@ -67,6 +73,8 @@ class Device : public std::enable_shared_from_this<Device> {
     // the first frame of this block is heard that much later.
     void render(float* out, size_t frames, int64_t delayNs = 0);
     uint64_t framesRendered() const { return framesRendered_.load(std::memory_order_acquire); }
+    // Whether the last block had a playing channel to mix.
+    bool anyPlaying() const { return playing_.load(std::memory_order_acquire); }
     // The device frame (an index counted like framesRendered) being heard at `nowNs`.
     double frameHeardAt(int64_t nowNs) const;
 
@@ -96,7 +104,18 @@ class Device : public std::enable_shared_from_this<Device> {
 
   private:
     Device(int number, DWORD rate, DWORD flags);
-    void publishLocked();
+    struct Retired {
+        std::unique_ptr<const std::vector<Channel*>> list;
+        uint64_t seq; // callbackSeq_ when it was replaced
+        std::vector<std::shared_ptr<Channel>> keep; // channels it still names
+    };
+    // Publishes owners_ to the device thread without waiting for it: the
+    // list it replaces (and `keep`, channels leaving it) is released by a
+    // later publish once no callback can be reading it. Returns what can be
+    // released now, for the caller to drop after the lock (a channel's
+    // destructor may come back here).
+    [[nodiscard]] std::vector<Retired> publishLocked(std::vector<std::shared_ptr<Channel>> keep = {});
+    std::vector<Retired> reclaimLocked(bool all);
 
     const int number_;
     const DWORD rate_, flags_;
@@ -106,10 +125,11 @@ class Device : public std::enable_shared_from_this<Device> {
     std::mutex writerMutex_;
     std::vector<std::shared_ptr<Channel>> owners_;
     std::atomic<const std::vector<Channel*>*> live_{nullptr};
+    std::vector<Retired> retired_; // writerMutex_
     std::atomic<uint64_t> callbackSeq_{0}; // odd while render() runs
     std::atomic<uint64_t> framesRendered_{0};
     SeqLocked<BlockClock> heardClock_{BlockClock{0, 0, 1}}; // the last block's: updated at every block
-    std::atomic<bool> lost_{false}, resumeDue_{false};
+    std::atomic<bool> lost_{false}, resumeDue_{false}, playing_{false};
     std::atomic<double> frozenHeard_{0}; // the device frame heard when the output broke
 };
 

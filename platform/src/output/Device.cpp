@@ -280,10 +280,16 @@ void Device::shutdown() {
         ch->free();
     }
     std::vector<Retired> released;
-    std::lock_guard lock(writerMutex_);
-    released = publishLocked(std::exchange(owners_, {}));
-    backend_.reset();
+    std::unique_ptr<Backend> backend;
+    {
+        std::lock_guard lock(writerMutex_);
+        released = publishLocked(std::exchange(owners_, {}));
+        backend = std::move(backend_);
+    }
+    // Closed outside the lock: its threads may be listing our channels.
+    backend.reset();
     // The device thread has stopped: nothing reads the old lists any more.
+    std::lock_guard lock(writerMutex_);
     auto rest = reclaimLocked(true);
     std::move(rest.begin(), rest.end(), std::back_inserter(released));
 }

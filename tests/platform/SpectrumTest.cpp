@@ -79,6 +79,15 @@ TEST_F(SpectrumTest, PlayingChannelShowsWhatIsHeard) {
     ASSERT_NE(BASS_ChannelGetData(h, mags.data(), BASS_DATA_FFT2048), 0xFFFFFFFFu);
     EXPECT_EQ(peakBin(mags), 100u);
     EXPECT_NEAR(mags[100], 0.8f, 0.02f);
+    // The first read longer than the short history starts keeping a long
+    // one; once that has filled, the largest spectrum sees all its frames.
+    std::vector<float> wide(8192);
+    const DWORD bytes = 16384 * 2 * 4;
+    EXPECT_LT(BASS_ChannelGetData(h, wide.data(), BASS_DATA_FFT16384), bytes);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(BASS_ChannelGetData(h, wide.data(), BASS_DATA_FFT16384), bytes);
+    EXPECT_EQ(peakBin(wide), 800u);
+    EXPECT_NEAR(wide[800], 0.8f, 0.02f);
     BASS_StreamFree(h);
 }
 

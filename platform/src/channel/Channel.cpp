@@ -344,8 +344,9 @@ void Channel::ensureVoice() {
     if (voice()) return;
     const DWORD bufferMs = Config::value(BASS_CONFIG_BUFFER);
     const size_t ring = static_cast<size_t>(uint64_t(freq_) * bufferMs / 1000) + kMaxBlockFrames;
-    // Enough history for a second of levels or the largest spectrum.
-    const size_t history = std::max<size_t>(2 * freq_, 2 * 16384);
+    // The short history (a longer one is made when a read needs it): 8192
+    // frames serve reads of up to 4096, with the other half as slack.
+    const size_t history = 8192;
     voiceOwner_ = std::make_unique<Voice>(*this, ring, history, static_cast<int>(Config::value(BASS_CONFIG_SRC)));
     // Readers on other threads (position, data, levels) find it without the render lock.
     voice_.store(voiceOwner_.get(), std::memory_order_release);
@@ -735,7 +736,7 @@ DWORD Channel::getData(void* buffer, DWORD length) {
         if (!voice()) return failWith(BASS_ERROR_NOPLAY, kFail);
         // What is being heard; the playing channel is not disturbed.
         std::vector<float> tmp(frames * chans_);
-        const size_t got = voice()->history.latest(tmp.data(), frames);
+        const size_t got = voice()->recent(tmp.data(), frames);
         encodeSamples(tmp.data(), out, got * chans_, outBps);
         return succeedWith(static_cast<DWORD>(got * chans_ * outBps));
     }
@@ -777,9 +778,9 @@ DWORD Channel::getSpectrum(float* out, const SpectrumRequest& req) {
     } else {
         if (!voice()) return failWith(BASS_ERROR_NOPLAY, kFail);
         // Right-aligned: the newest frame is the last one of the block.
-        const size_t have = std::min<uint64_t>(n, voice()->history.written());
-        std::fill(frames.begin(), frames.begin() + static_cast<std::ptrdiff_t>((n - have) * chans_), 0.0f);
-        got = voice()->history.latest(frames.data() + (n - have) * chans_, have);
+        got = voice()->recent(frames.data(), n);
+        std::move_backward(frames.begin(), frames.begin() + static_cast<std::ptrdiff_t>(got * chans_), frames.end());
+        std::fill(frames.begin(), frames.end() - static_cast<std::ptrdiff_t>(got * chans_), 0.0f);
     }
     if (!computeSpectrum(req, frames.data(), chans_, out)) return failWith(BASS_ERROR_MEM, kFail);
     return succeedWith(static_cast<DWORD>(got * bytesPerFrame()));
@@ -796,7 +797,7 @@ bool Channel::getLevels(float* levels, float seconds, DWORD flags) {
         if (got == 0 && ended()) return fail(BASS_ERROR_ENDED);
     } else {
         if (!voice() || state() != ChannelState::Playing) return fail(BASS_ERROR_NOPLAY);
-        got = voice()->history.latest(data.data(), frames);
+        got = voice()->recent(data.data(), frames);
     }
     float gl = 1, gr = 1;
     if (flags & BASS_LEVEL_VOLPAN) {

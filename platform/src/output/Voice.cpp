@@ -47,6 +47,23 @@ void Voice::advanceHeard(size_t frames) {
     heardPos_.fetch_add(static_cast<uint64_t>(static_cast<int64_t>(whole)), std::memory_order_acq_rel);
 }
 
+size_t Voice::recent(float* out, size_t frames) {
+    if (frames <= history.capacity() / 2) return history.latest(out, frames);
+    HistoryRing* l = long_.load(std::memory_order_acquire);
+    if (!l) {
+        std::lock_guard lock(longMutex_);
+        if (!longOwner_) {
+            // Room for a second at the channel's rate, or the largest spectrum.
+            longOwner_ = std::make_unique<HistoryRing>();
+            longOwner_->allocate(std::max<size_t>(2 * channel_.freq(), 2 * 16384), channel_.chans());
+            long_.store(longOwner_.get(), std::memory_order_release);
+        }
+        l = longOwner_.get();
+    }
+    if (l->written() > history.capacity() / 2) return l->latest(out, frames);
+    return history.latest(out, frames);
+}
+
 bool Voice::heardSnapshot(HeardSnapshot& snap, double& into) const {
     const uint64_t count = snapshotCount_.load(std::memory_order_acquire);
     const uint32_t gen = flushAck_.load(std::memory_order_acquire);
@@ -155,6 +172,7 @@ size_t Voice::pull(float* dst, size_t frames) {
         if (got) {
             tail_ = 0; // a replay after the end: the next end drains anew
             history.write(dst + done * ch, got);
+            if (HistoryRing* l = long_.load(std::memory_order_acquire)) l->write(dst + done * ch, got);
             advanceHeard(got);
             done += got;
         }

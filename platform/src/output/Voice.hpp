@@ -15,6 +15,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 
 namespace tavro::platform {
 
@@ -57,7 +59,14 @@ class Voice {
     Voice(Channel& channel, size_t ringFrames, size_t historyFrames, int srcQuality);
 
     FrameRing ring;
+    // What was heard: a short history for the usual reads (levels, spectra
+    // up to 4096 points), and a long one (a second or more) made on the
+    // first read that needs it, so that a stream nobody measures stays small.
     HistoryRing history;
+    // Any thread: the newest `frames` frames heard, into out[0, got); fewer
+    // when less is kept. A read longer than the short history sees what that
+    // holds until the long one, kept from then on, has more.
+    size_t recent(float* out, size_t frames);
     SpscQueue<RingMarker> markers{1024};
     SpscQueue<HeardEvent> events{1024};
 
@@ -94,6 +103,9 @@ class Voice {
     bool heardSnapshot(HeardSnapshot& snap, double& into) const;
 
     Channel& channel_;
+    std::mutex longMutex_;
+    std::unique_ptr<HistoryRing> longOwner_; // longMutex_
+    std::atomic<HistoryRing*> long_{nullptr};
     Resampler resampler_;
     std::vector<float> scratch_;
     SeqLocked<FlushRequest> flush_;

@@ -50,6 +50,11 @@ inline bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds
     return pred();
 }
 
+// Calls `step` over and over for `d`.
+inline void runFor(std::chrono::milliseconds d, const std::function<void()>& step) {
+    for (const auto end = std::chrono::steady_clock::now() + d; std::chrono::steady_clock::now() < end;) step();
+}
+
 // What a shell command prints (reference tools in the comparisons).
 inline std::string runCommand(const std::string& cmd) {
     std::string out;

@@ -16,10 +16,8 @@ namespace {
 
 constexpr unsigned kRate = 44100;
 
-class TavroAnalyzerTest : public NoSoundTest {
+class TavroAnalyzerTest : public MediaTest {
   protected:
-    static void SetUpTestSuite() { media_ = new MediaDir(); }
-    static void TearDownTestSuite() { delete media_; }
 
     static std::shared_ptr<TavroStream> stream(const std::string& name, const std::vector<float>& pcm, unsigned chans,
                                                TavroSourceFlags flags) {
@@ -34,9 +32,7 @@ class TavroAnalyzerTest : public NoSoundTest {
         return s;
     }
 
-    static MediaDir* media_;
 };
-MediaDir* TavroAnalyzerTest::media_ = nullptr;
 
 TEST_F(TavroAnalyzerTest, SpectrumOfSinePeaksInItsBinAndUnsupportedSizesAreRefused) {
     auto s = playing("sine1k.wav", sine(1000, kRate, kRate * 4, 2, 0.5f));

@@ -21,22 +21,15 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class TavroBPMTest : public NoSoundTest {
+class TavroBPMTest : public MediaTestOn<FloatDspTest> {
   protected:
     static void SetUpTestSuite() {
-        media_ = new MediaDir();
+        MediaTestOn::SetUpTestSuite();
         track_ = new DrumTrack(makeDrumTrack(DrumStyle::FourFloor, 128, 30, 0.5, 2, 11));
         path_ = media_->path("128.wav");
         writeFloatWav(path_, track_->samples, static_cast<unsigned>(kDrumRate), 2);
     }
-    static void TearDownTestSuite() {
-        delete track_;
-        delete media_;
-    }
-    void SetUp() override {
-        NoSoundTest::SetUp();
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
-    }
+    static void TearDownTestSuite() { delete track_, MediaTestOn::TearDownTestSuite(); }
     static TavroURL url() { return TavroURL::fileURLWithPath(path_); }
     static std::shared_ptr<TavroStream> open(TavroSourceFlags flags) {
         return TavroStream::streamWithSource(TavroFileSource::initWithFileURL(url()), flags | TavroSourceFlagFloat);
@@ -44,18 +37,13 @@ class TavroBPMTest : public NoSoundTest {
     // Pulls a decoding stream through its DSP chain in real-time-sized blocks.
     static void pull(uint32_t handle, double seconds) {
         std::vector<float> buf(1024 * 2);
-        for (double done = 0; done < seconds; done += 1024.0 / kDrumRate) {
+        for (double done = 0; done < seconds; done += 1024.0 / kDrumRate)
             if (BASS_ChannelGetData(handle, buf.data(), 1024 * 8 | BASS_DATA_FLOAT) == 0xFFFFFFFF) break;
-        }
     }
 
-    static MediaDir* media_;
-    static DrumTrack* track_;
-    static std::string path_;
+    static inline DrumTrack* track_ = nullptr;
+    static inline std::string path_;
 };
-MediaDir* TavroBPMTest::media_ = nullptr;
-DrumTrack* TavroBPMTest::track_ = nullptr;
-std::string TavroBPMTest::path_;
 
 TEST_F(TavroBPMTest, RangeWordTakesEachDefaultAlone) {
     EXPECT_EQ(TavroBPM::rangeWordForMinBPM(0, 0), (180u << 16) | 60u);

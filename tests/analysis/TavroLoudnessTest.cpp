@@ -10,7 +10,6 @@
 
 #include <bassloud.h>
 
-#include <array>
 #include <cstdlib>
 #include <cstdio>
 
@@ -37,14 +36,8 @@ std::vector<float> segments(std::initializer_list<std::pair<double, double>> par
     return pcm;
 }
 
-class TavroLoudnessTest : public NoSoundTest {
+class TavroLoudnessTest : public MediaTestOn<FloatDspTest> {
   protected:
-    static void SetUpTestSuite() { media_ = new MediaDir(); }
-    static void TearDownTestSuite() { delete media_; }
-    void SetUp() override {
-        NoSoundTest::SetUp();
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
-    }
 
     static std::shared_ptr<TavroFileSource> file(const std::string& name, const std::vector<float>& pcm) {
         const std::string path = media_->path(name);
@@ -54,19 +47,7 @@ class TavroLoudnessTest : public NoSoundTest {
     static std::shared_ptr<TavroStream> decoder(const std::shared_ptr<TavroSource>& source) {
         return TavroStream::streamWithSource(source, TavroSourceFlagDecode | TavroSourceFlagFloat);
     }
-    // Pulls the whole stream through its DSP chain.
-    static void drain(uint32_t handle) {
-        std::vector<float> buf(4096 * 2);
-        for (;;) {
-            const DWORD got =
-                BASS_ChannelGetData(handle, buf.data(), static_cast<DWORD>(buf.size() * 4) | BASS_DATA_FLOAT);
-            if (got == 0 || got == 0xFFFFFFFF) break;
-        }
-    }
-
-    static MediaDir* media_;
 };
-MediaDir* TavroLoudnessTest::media_ = nullptr;
 
 struct Case3341 {
     const char* name;
@@ -95,7 +76,7 @@ TEST_F(TavroLoudnessTest, AddOnMeasuresTheTech3341Cases) {
         const HLOUDNESS h =
             BASS_Loudness_Start(stream->handle(), BASS_LOUDNESS_INTEGRATED | BASS_LOUDNESS_PEAK, 0);
         ASSERT_NE(h, 0u) << c.name;
-        drain(stream->handle());
+        decodeAll(stream->handle(), 2); // through the DSP chain
         float v = 0;
         ASSERT_TRUE(BASS_Loudness_GetLevel(h, BASS_LOUDNESS_INTEGRATED, &v));
         EXPECT_NEAR(v, c.integrated, 0.1) << c.name;
@@ -114,7 +95,7 @@ TEST_F(TavroLoudnessTest, AddOnReadsMomentaryAndPeaks) {
     float v = 0;
     ASSERT_TRUE(BASS_Loudness_GetLevel(h, BASS_LOUDNESS_CURRENT, &v));
     EXPECT_TRUE(std::isinf(v) && v < 0) << "nothing measured yet";
-    drain(stream->handle());
+    decodeAll(stream->handle(), 2); // through the DSP chain
     ASSERT_TRUE(BASS_Loudness_GetLevel(h, BASS_LOUDNESS_CURRENT, &v));
     EXPECT_NEAR(v, -23.0, 0.1);
     const double amp = std::pow(10.0, -23.0 / 20.0);
@@ -252,14 +233,8 @@ TEST_F(TavroLoudnessTest, ScanAgreesWithFfmpegOnAMusicLikeSignal) {
     const double ours = TavroLoudness::scanIntegratedLoudnessForSource(
         TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(path)));
 
-    FILE* p = popen(
-        ("ffmpeg -nostdin -nostats -hide_banner -i '" + path + "' -af ebur128 -f null - 2>&1").c_str(), "r");
-    ASSERT_TRUE(p);
-    std::string out;
-    std::array<char, 4096> chunk;
-    while (size_t n = fread(chunk.data(), 1, chunk.size(), p))
-        out.append(chunk.data(), n);
-    pclose(p);
+    const std::string out =
+        runCommand("ffmpeg -nostdin -nostats -hide_banner -i '" + path + "' -af ebur128 -f null - 2>&1");
     // The summary's "I:   -21.5 LUFS" line.
     const std::string summary =
         out.substr(out.rfind("Summary:") == std::string::npos ? 0 : out.rfind("Summary:"));

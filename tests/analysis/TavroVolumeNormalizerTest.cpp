@@ -18,10 +18,10 @@ namespace {
 
 constexpr unsigned kRate = 44100;
 
-class TavroVolumeNormalizerTest : public NoSoundTest {
+class TavroVolumeNormalizerTest : public MediaTestOn<FloatDspTest> {
   protected:
     static void SetUpTestSuite() {
-        media_ = new MediaDir();
+        MediaTestOn::SetUpTestSuite();
         // Eight seconds of a 1 kHz stereo sine at -30 dBFS (-30 LUFS), then one
         // second at full scale that the boosted gain drives into the limiter.
         const float quiet = std::pow(10.0f, -30.0f / 20.0f);
@@ -31,11 +31,13 @@ class TavroVolumeNormalizerTest : public NoSoundTest {
         path_ = media_->path("quiet.wav");
         writeFloatWav(path_, pcm, kRate, 2);
     }
-    static void TearDownTestSuite() { delete media_; }
 
+    // A normaliser, disabled, on a decoding stream of the quiet track.
     void SetUp() override {
-        NoSoundTest::SetUp();
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
+        FloatDspTest::SetUp();
+        stream = open();
+        ASSERT_TRUE(stream);
+        n = TavroVolumeNormalizer::initWithStream(stream);
     }
 
     static std::shared_ptr<TavroStream> open(TavroSourceFlags flags = TavroSourceFlagDecode |
@@ -44,11 +46,10 @@ class TavroVolumeNormalizerTest : public NoSoundTest {
             TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(path_)), flags);
     }
 
-    static MediaDir* media_;
-    static std::string path_;
+    static inline std::string path_;
+    std::shared_ptr<TavroStream> stream;
+    std::shared_ptr<TavroVolumeNormalizer> n;
 };
-MediaDir* TavroVolumeNormalizerTest::media_ = nullptr;
-std::string TavroVolumeNormalizerTest::path_;
 
 struct StateDeleter {
     void operator()(R128NormalizerState* s) const { r128_normalizer_destroy(s); }
@@ -57,9 +58,6 @@ struct StateDeleter {
 } // namespace
 
 TEST_F(TavroVolumeNormalizerTest, AttachedAtOnceButSilentUntilEnabled) {
-    auto stream = open();
-    ASSERT_TRUE(stream);
-    auto n = TavroVolumeNormalizer::initWithStream(stream);
     EXPECT_NE(n->dspHandle(), 0u);
     EXPECT_TRUE(n->hasState());
     EXPECT_EQ(n->stateChannels(), 2u);
@@ -93,9 +91,6 @@ TEST_F(TavroVolumeNormalizerTest, AttachedAtOnceButSilentUntilEnabled) {
 }
 
 TEST_F(TavroVolumeNormalizerTest, SettingsAndSeedsReachTheCore) {
-    auto stream = open();
-    ASSERT_TRUE(stream);
-    auto n = TavroVolumeNormalizer::initWithStream(stream);
     n->setEnabled(true);
     n->seedIntegratedLufs(-23.0f);
     std::vector<float> block(64 * 2, 0.0f);
@@ -122,9 +117,6 @@ TEST_F(TavroVolumeNormalizerTest, SettingsAndSeedsReachTheCore) {
 }
 
 TEST_F(TavroVolumeNormalizerTest, LargeBlocksAreProcessedInChunksOf8192) {
-    auto stream = open();
-    ASSERT_TRUE(stream);
-    auto n = TavroVolumeNormalizer::initWithStream(stream);
     n->setEnabled(true);
     auto block = sine(440, kRate, 20000, 2, 0.3f);
     auto expected = block;
@@ -141,9 +133,6 @@ TEST_F(TavroVolumeNormalizerTest, LargeBlocksAreProcessedInChunksOf8192) {
 }
 
 TEST_F(TavroVolumeNormalizerTest, QuietTrackReachesTheTargetAndNeverPassesTheLimiter) {
-    auto stream = open();
-    ASSERT_TRUE(stream);
-    auto n = TavroVolumeNormalizer::initWithStream(stream);
     n->setMaxBoostDB(18.0f); // -30 LUFS needs 14 dB
     n->setEnabled(true);
 
@@ -186,9 +175,9 @@ TEST_F(TavroVolumeNormalizerTest, QuietTrackReachesTheTargetAndNeverPassesTheLim
 }
 
 TEST_F(TavroVolumeNormalizerTest, RidesTheGainOfAPlayingStream) {
-    auto stream = open(TavroSourceFlagFloat);
+    stream = open(TavroSourceFlagFloat);
     ASSERT_TRUE(stream);
-    auto n = TavroVolumeNormalizer::initWithStream(stream);
+    n = TavroVolumeNormalizer::initWithStream(stream);
     n->setEnabled(true);
     ASSERT_TRUE(stream->play(false));
     // The quiet track needs +14 dB: the gain climbs as soon as blocks render.
@@ -207,9 +196,6 @@ TEST_F(TavroVolumeNormalizerTest, RidesTheGainOfAPlayingStream) {
 }
 
 TEST_F(TavroVolumeNormalizerTest, DestructionTakesTheDspOffTheChannel) {
-    auto stream = open();
-    ASSERT_TRUE(stream);
-    auto n = TavroVolumeNormalizer::initWithStream(stream);
     n->setEnabled(true);
     n->seedGain(2.0f);
     n.reset();
@@ -223,8 +209,7 @@ TEST_F(TavroVolumeNormalizerTest, DestructionTakesTheDspOffTheChannel) {
 }
 
 TEST_F(TavroVolumeNormalizerTest, NoFormatMeansNoState) {
-    std::shared_ptr<TavroStream> none;
-    auto n = TavroVolumeNormalizer::initWithStream(none);
+    n = TavroVolumeNormalizer::initWithStream(nullptr);
     EXPECT_FALSE(n->hasState());
     EXPECT_EQ(n->dspHandle(), 0u);
     n->setEnabled(true);

@@ -16,11 +16,10 @@ using namespace tavro::test;
 
 namespace {
 
-class ConcurrencyAnalysisTest : public NoSoundTest {
+class ConcurrencyAnalysisTest : public FloatDspTest {
   protected:
     void SetUp() override {
-        NoSoundTest::SetUp();
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
+        FloatDspTest::SetUp();
         BASS_SetConfig(BASS_CONFIG_BUFFER, 100);
         BASS_SetConfig(BASS_CONFIG_UPDATEPERIOD, 5);
         const DrumTrack track = makeDrumTrack(DrumStyle::Rock, 150, 12, 0.5, 2, 3);
@@ -102,14 +101,13 @@ TEST_F(ConcurrencyAnalysisTest, FreeingTheStreamEndsItsReports) {
 // takes its source's render lock, which the source's free holds while it
 // ends the source's reports. The report runs with no lock of the platform
 // held, so everything finishes.
-class ConcurrencyAnalysisCallbackTest : public NoSoundTest {
+class ConcurrencyAnalysisCallbackTest : public MediaTestOn<FloatDspTest> {
   protected:
     static void SetUpTestSuite() {
-        media_ = new MediaDir();
+        MediaTestOn::SetUpTestSuite();
         path_ = media_->path("drums.wav");
         writeFloatWav(path_, makeDrumTrack(DrumStyle::Rock, 150, 8, 0.5, 2, 3).samples, 44100, 2);
     }
-    static void TearDownTestSuite() { delete media_; }
 
     enum Action { Seek, RemoveDsp, FreeChannel };
     struct Round {
@@ -130,14 +128,10 @@ class ConcurrencyAnalysisCallbackTest : public NoSoundTest {
         r->state.store(2);
     }
 
-    static MediaDir* media_;
-    static std::string path_;
+    static inline std::string path_;
 };
-MediaDir* ConcurrencyAnalysisCallbackTest::media_ = nullptr;
-std::string ConcurrencyAnalysisCallbackTest::path_;
 
 TEST_F(ConcurrencyAnalysisCallbackTest, ReportsThatTouchTheChannelRaceFrees) {
-    BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
     Watchdog watchdog(std::chrono::seconds(90), "reports racing frees");
     for (int i = 0; i < 18; ++i) {
         enum Other { EndReports, FreeSource, FreeStage } other = static_cast<Other>((i / 3) % 3);

@@ -10,11 +10,6 @@ using namespace tavro::test;
 
 namespace {
 class ConcurrencyTest : public NoSoundTest {};
-
-void runFor(std::chrono::milliseconds d, const std::function<void()>& step) {
-    const auto end = std::chrono::steady_clock::now() + d;
-    while (std::chrono::steady_clock::now() < end) step();
-}
 } // namespace
 
 TEST_F(ConcurrencyTest, ChainsSyncsAndAttributesChangeWhilePlaying) {

@@ -1,7 +1,6 @@
 // The DSP chain and the crossfeed edited and retuned from application threads
 // while a stream plays. Run under ThreadSanitizer by scripts/test.
-#include "PlatformFixture.hpp"
-#include "RampChannel.hpp"
+#include "TestSource.hpp"
 
 #include <tavro/dsp/TavroCrossfeed.hpp>
 #include <tavro/dsp/TavroDSP.hpp>
@@ -17,14 +16,6 @@
 using namespace tavro::test;
 
 namespace {
-
-class EndlessSource final : public TavroSource {
-  public:
-    uint32_t createStreamWithFlags(TavroSourceFlags, TavroError*) override {
-        return RampChannel::create(44100, 2, 0, -1);
-    }
-    std::string displayName() const override { return "ramp"; }
-};
 
 // Counts blocks and lingers in each, writing its own memory throughout, so
 // that a node freed under a running block shows in the sanitizers.
@@ -46,14 +37,13 @@ class Lingering final : public TavroDSPNode {
     std::vector<float> scratch_ = std::vector<float>(10, 0.0f);
 };
 
-class ConcurrencyDSPTest : public NoSoundTest {
+class ConcurrencyDSPTest : public FloatDspTest {
   protected:
     void SetUp() override {
-        NoSoundTest::SetUp();
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
+        FloatDspTest::SetUp();
         BASS_SetConfig(BASS_CONFIG_BUFFER, 50);
         BASS_SetConfig(BASS_CONFIG_UPDATEPERIOD, 5);
-        stream_ = TavroStream::streamWithSource(std::make_shared<EndlessSource>(), TavroSourceFlagFloat);
+        stream_ = testStream();
         ASSERT_TRUE(stream_);
         dsp_ = TavroDSP::initWithStream(stream_);
         dsp_->appendNode(std::make_shared<Lingering>(&blocks_));

@@ -67,14 +67,13 @@ void stressSync(HSYNC sync, DWORD channel, DWORD, void* user) {
 void onTempo(DWORD, float, void*) { reports.fetch_add(1, std::memory_order_relaxed); }
 void onBeat(DWORD, double, void*) { reports.fetch_add(1, std::memory_order_relaxed); }
 
-class ConcurrencyStressTest : public NoSoundTest {
+class ConcurrencyStressTest : public MediaTestOn<FloatDspTest> {
   protected:
     static void SetUpTestSuite() {
-        media_ = new MediaDir();
+        MediaTestOn::SetUpTestSuite();
         path_ = media_->path("short.wav");
         writeWav16(path_, testSignal(44100, 2, 44100), 44100, 2);
     }
-    static void TearDownTestSuite() { delete media_; }
 
     // One thread's run: random operations on random pool slots.
     void worker(unsigned seed, std::chrono::steady_clock::time_point end) {
@@ -232,19 +231,15 @@ class ConcurrencyStressTest : public NoSoundTest {
         if (failures_.fetch_add(1) < 5) ADD_FAILURE() << what << ": error " << code;
     }
 
-    static MediaDir* media_;
-    static std::string path_;
+    static inline std::string path_;
     std::array<std::atomic<DWORD>, kPool> pool_{};
     Attachments dsps_{}, fxs_{}, syncs_{};
     std::mutex tonesMutex_;
     std::deque<Tone> tones_;
     std::atomic<int> failures_{0};
 };
-MediaDir* ConcurrencyStressTest::media_ = nullptr;
-std::string ConcurrencyStressTest::path_;
 
 TEST_F(ConcurrencyStressTest, SharedChannelsUnderEveryOperation) {
-    BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
     BASS_SetConfig(BASS_CONFIG_BUFFER, 100);
     BASS_SetConfig(BASS_CONFIG_UPDATEPERIOD, 5);
     const double seconds = stressSeconds();

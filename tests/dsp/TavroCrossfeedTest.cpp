@@ -1,6 +1,6 @@
 // The crossfeed on decoding streams, sample for sample against libbs2b driven
 // directly.
-#include "PlatformFixture.hpp"
+#include "TestSource.hpp"
 
 #include <tavro/dsp/TavroCrossfeed.hpp>
 
@@ -10,20 +10,6 @@ using namespace tavro::test;
 
 namespace {
 
-class PushSource final : public TavroSource {
-  public:
-    PushSource(DWORD rate, DWORD chans, std::vector<float> data)
-        : rate_(rate), chans_(chans), data_(std::move(data)) {}
-    uint32_t createStreamWithFlags(TavroSourceFlags, TavroError*) override {
-        return pushStream(rate_, chans_, BASS_STREAM_DECODE, data_, true);
-    }
-    std::string displayName() const override { return "push"; }
-
-  private:
-    DWORD rate_, chans_;
-    std::vector<float> data_;
-};
-
 std::vector<float> noise(size_t n, uint32_t seed) {
     std::vector<float> v(n);
     for (auto& s : v)
@@ -31,26 +17,15 @@ std::vector<float> noise(size_t n, uint32_t seed) {
     return v;
 }
 
-class TavroCrossfeedTest : public NoSoundTest {
+class TavroCrossfeedTest : public FloatDspTest {
   protected:
     void SetUp() override {
-        NoSoundTest::SetUp();
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
+        FloatDspTest::SetUp();
         bs2b_ = bs2b_open();
     }
     void TearDown() override {
         bs2b_close(bs2b_);
         NoSoundTest::TearDown();
-    }
-    static std::shared_ptr<TavroStream> stream(DWORD chans, const std::vector<float>& data,
-                                               DWORD rate = 44100) {
-        return TavroStream::streamWithSource(std::make_shared<PushSource>(rate, chans, data),
-                                             TavroSourceFlagFloat);
-    }
-    static std::vector<float> pull(const std::shared_ptr<TavroStream>& s, size_t samples) {
-        std::vector<float> v(samples);
-        v.resize(BASS_ChannelGetData(s->handle(), v.data(), static_cast<DWORD>(samples * 4)) / 4);
-        return v;
     }
     // The reference filter over in[from, to).
     std::vector<float> reference(const std::vector<float>& in, size_t from, size_t to) {
@@ -65,7 +40,7 @@ class TavroCrossfeedTest : public NoSoundTest {
 
 TEST_F(TavroCrossfeedTest, StereoIsCrossfedAsLibbs2bDoes) {
     const auto in = noise(2 * 8000, 3);
-    auto s = stream(2, in, 48000);
+    auto s = testStream(in, 48000);
     auto cf = TavroCrossfeed::initWithStream(s);
     EXPECT_NE(cf->dspHandle(), 0u);
     EXPECT_EQ(cf->bs2bSampleRate(), 48000.0);
@@ -91,7 +66,7 @@ TEST_F(TavroCrossfeedTest, StereoIsCrossfedAsLibbs2bDoes) {
 TEST_F(TavroCrossfeedTest, MonoAndSurroundPassUnchanged) {
     for (DWORD chans : {1u, 6u}) {
         const auto in = noise(chans * 3000, chans);
-        auto s = stream(chans, in);
+        auto s = testStream(in, 44100, chans);
         auto cf = TavroCrossfeed::initWithStream(s);
         cf->setEnabled(true);
         EXPECT_EQ(pull(s, in.size()), in) << chans << " channels";
@@ -99,7 +74,7 @@ TEST_F(TavroCrossfeedTest, MonoAndSurroundPassUnchanged) {
 }
 
 TEST_F(TavroCrossfeedTest, LevelsAreLimitedAndRoundedAwayFromZero) {
-    auto cf = TavroCrossfeed::initWithStream(stream(2, noise(200, 1)));
+    auto cf = TavroCrossfeed::initWithStream(testStream(noise(200, 1)));
     for (auto [hz, applied] :
          std::vector<std::pair<float, int32_t>>{{100, 300}, {5000, 2000}, {NAN, 300}, {700.5f, 701}}) {
         cf->setCutoff(hz);
@@ -113,7 +88,7 @@ TEST_F(TavroCrossfeedTest, LevelsAreLimitedAndRoundedAwayFromZero) {
     }
 
     // Without a sample rate there is no filter, and nothing to reset.
-    auto gone = stream(2, noise(200, 2));
+    auto gone = testStream(noise(200, 2));
     gone->free();
     auto idle = TavroCrossfeed::initWithStream(gone);
     idle->reset();

@@ -1,7 +1,6 @@
 // The DSP chain: list editing, what each node is handed, channel selection,
 // node kinds and copies, and the chain on decoding and playing streams.
-#include "PlatformFixture.hpp"
-#include "RampChannel.hpp"
+#include "TestSource.hpp"
 
 #include <tavro/dsp/TavroDSP.hpp>
 #include <tavro/dsp/TavroDSPBiquad.hpp>
@@ -15,21 +14,6 @@
 using namespace tavro::test;
 
 namespace {
-
-// Pushed data on a decoding channel, or (no data) an endless playing ramp
-// whose every sample is its frame number.
-class TestSource final : public TavroSource {
-  public:
-    explicit TestSource(std::vector<float> data = {}) : data_(std::move(data)) {}
-    uint32_t createStreamWithFlags(TavroSourceFlags, TavroError*) override {
-        return data_.empty() ? RampChannel::create(44100, 2, 0, -1)
-                             : pushStream(44100, 2, BASS_STREAM_DECODE, data_, true);
-    }
-    std::string displayName() const override { return "test"; }
-
-  private:
-    std::vector<float> data_;
-};
 
 // Logs its calls and scales the block; it ignores its own `enabled` flag, so
 // the chain's check shows.
@@ -54,18 +38,7 @@ class Probe final : public TavroDSPNode {
     float factor_;
 };
 
-class TavroDSPTest : public NoSoundTest {
-  protected:
-    void SetUp() override {
-        NoSoundTest::SetUp();
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
-    }
-    static std::vector<float> pull(const std::shared_ptr<TavroStream>& s, size_t samples) {
-        std::vector<float> v(samples);
-        v.resize(BASS_ChannelGetData(s->handle(), v.data(), static_cast<DWORD>(samples * 4)) / 4);
-        return v;
-    }
-};
+class TavroDSPTest : public FloatDspTest {};
 
 } // namespace
 
@@ -104,7 +77,7 @@ TEST_F(TavroDSPTest, EnabledNodesRunInOrderOnEachBlock) {
     std::vector<float> data(2 * 1000);
     for (size_t i = 0; i < 1000; ++i)
         data[2 * i] = 0.25f, data[2 * i + 1] = -0.5f;
-    auto stream = TavroStream::streamWithSource(std::make_shared<TestSource>(data), TavroSourceFlagFloat);
+    auto stream = testStream(data);
     auto dsp = TavroDSP::initWithStream(stream);
     ASSERT_NE(dsp->dspHandle(), 0u);
     EXPECT_EQ(pull(stream, 4), (std::vector<float>{0.25f, -0.5f, 0.25f, -0.5f})) << "an empty chain";
@@ -168,7 +141,7 @@ TEST_F(TavroDSPTest, DefaultNodesAndCopiesKeepClassFlagAndParameters) {
 
 TEST_F(TavroDSPTest, ChainsOnAPlayingStreamChangeWhatIsHeard) {
     BASS_SetConfig(BASS_CONFIG_BUFFER, 100);
-    auto stream = TavroStream::streamWithSource(std::make_shared<TestSource>(), TavroSourceFlagFloat);
+    auto stream = testStream();
     auto all = TavroDSP::initWithStream(stream), right = TavroDSP::initWithStream(stream);
     auto gain = TavroDSPGain::init();
     gain->setGainDB(-6);

@@ -1,5 +1,5 @@
 // TavroEffects on real streams: what it installs, records and leaves on the channel.
-#include "PlatformFixture.hpp"
+#include "TestSource.hpp"
 #include "effects/Effect.hpp"
 
 #include <tavro/effects/TavroEffects.hpp>
@@ -12,26 +12,11 @@ using namespace tavro::test;
 
 namespace {
 
-class PushSource final : public TavroSource {
-  public:
-    PushSource(DWORD rate, DWORD chans, std::vector<float> data)
-        : rate_(rate), chans_(chans), data_(std::move(data)) {}
-    uint32_t createStreamWithFlags(TavroSourceFlags, TavroError*) override {
-        return pushStream(rate_, chans_, BASS_STREAM_DECODE, data_, true);
-    }
-    std::string displayName() const override { return "push"; }
-
-  private:
-    DWORD rate_, chans_;
-    std::vector<float> data_;
-};
-
 class TavroEffectsTest : public NoSoundTest {
   protected:
     static std::shared_ptr<TavroStream> stream(TavroStreamOptions options = 0, std::vector<float> data = {}) {
         if (data.empty()) data.assign(44100 * 2, 0.0f);
-        return TavroStream::streamWithSource(std::make_shared<PushSource>(44100, 2, std::move(data)),
-                                             TavroSourceFlagFloat, options);
+        return testStream(std::move(data), 44100, 2, options);
     }
     // The platform's own record of an effect: how the tests see priorities
     // and bypass without a mock.

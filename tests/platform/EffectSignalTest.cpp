@@ -23,15 +23,7 @@ std::vector<float> render(DWORD freq, unsigned chans, const std::vector<float>& 
     HSTREAM h = pushStream(freq, chans, BASS_STREAM_DECODE, input, true);
     EXPECT_NE(h, 0u);
     setup(h);
-    std::vector<float> out(input.size());
-    size_t done = 0;
-    while (done < out.size()) {
-        const DWORD want = static_cast<DWORD>(std::min<size_t>(out.size() - done, 8192) * sizeof(float));
-        const DWORD got = BASS_ChannelGetData(h, out.data() + done, want | BASS_DATA_FLOAT);
-        if (got == 0xFFFFFFFFu || got == 0) break;
-        done += got / sizeof(float);
-    }
-    out.resize(done);
+    auto out = decodeAll(h, chans, input.size() / chans);
     BASS_StreamFree(h);
     return out;
 }

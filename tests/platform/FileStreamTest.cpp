@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <map>
-#include <sys/stat.h>
 
 using namespace tavro::test;
 
@@ -14,49 +13,25 @@ namespace {
 constexpr unsigned kRate = 48000, kChans = 2;
 constexpr size_t kFrames = 3 * kRate;
 
-class FileStreamTest : public NoSoundTest {
+class FileStreamTest : public MediaTest {
   protected:
     static void SetUpTestSuite() {
-        media_ = new MediaDir();
-        source_ = new std::vector<float>(testSignal(kFrames, kChans, kRate));
+        MediaTest::SetUpTestSuite();
+        source_ = testSignal(kFrames, kChans, kRate);
         wav_ = media_->path("source.wav");
-        writeWav16(wav_, *source_, kRate, kChans);
-    }
-    static void TearDownTestSuite() {
-        delete media_;
-        delete source_;
+        writeWav16(wav_, source_, kRate, kChans);
     }
     void TearDown() override {
         BASS_PluginFree(0);
         NoSoundTest::TearDown();
     }
-
-    static std::vector<float> decodeAll(HSTREAM h) {
-        std::vector<float> out;
-        std::vector<float> buf(8192);
-        for (;;) {
-            const DWORD got = BASS_ChannelGetData(h, buf.data(), static_cast<DWORD>(buf.size() * 4) | BASS_DATA_FLOAT);
-            if (got == 0xFFFFFFFF || got == 0) break;
-            out.insert(out.end(), buf.begin(), buf.begin() + got / 4);
-        }
-        return out;
-    }
     static HSTREAM open(const std::string& path, DWORD flags = 0) {
         return BASS_StreamCreateFile(FALSE, path.c_str(), 0, 0, flags | BASS_STREAM_DECODE | BASS_SAMPLE_FLOAT);
     }
-    static double correlation(const std::vector<float>& a, const std::vector<float>& b) {
-        double ab = 0, aa = 0, bb = 0;
-        for (size_t i = 0; i < std::min(a.size(), b.size()); ++i) ab += a[i] * b[i], aa += a[i] * a[i], bb += b[i] * b[i];
-        return ab / std::sqrt(aa * bb);
-    }
 
-    static MediaDir* media_;
-    static std::vector<float>* source_;
-    static std::string wav_;
+    static inline std::vector<float> source_;
+    static inline std::string wav_;
 };
-MediaDir* FileStreamTest::media_ = nullptr;
-std::vector<float>* FileStreamTest::source_ = nullptr;
-std::string FileStreamTest::wav_;
 
 struct Lossless {
     const char* file;
@@ -90,10 +65,10 @@ TEST_F(FileStreamTest, LosslessFormatsDecodeToTheSource) {
         EXPECT_EQ(info.freq, kRate);
         EXPECT_EQ(info.chans, kChans);
         EXPECT_EQ(BASS_ChannelGetLength(h, BASS_POS_BYTE), kFrames * kChans * 4);
-        const auto pcm = decodeAll(h);
-        ASSERT_EQ(pcm.size(), source_->size());
+        const auto pcm = decodeAll(h, kChans);
+        ASSERT_EQ(pcm.size(), source_.size());
         float worst = 0;
-        for (size_t i = 0; i < pcm.size(); ++i) worst = std::max(worst, std::fabs(pcm[i] - (*source_)[i]));
+        for (size_t i = 0; i < pcm.size(); ++i) worst = std::max(worst, std::fabs(pcm[i] - source_[i]));
         EXPECT_LT(worst, 1e-4f);
         BASS_StreamFree(h);
         BASS_PluginFree(0);
@@ -127,10 +102,10 @@ TEST_F(FileStreamTest, LossyFormatsHaveTheirLengthAndFollowTheSource) {
         ASSERT_NE(h, 0u) << BASS_ErrorGetCode();
         const long length = static_cast<long>(BASS_ChannelGetLength(h, BASS_POS_BYTE) / 8);
         EXPECT_NEAR(length, static_cast<long>(kFrames), c.tolerance);
-        const auto pcm = decodeAll(h);
+        const auto pcm = decodeAll(h, kChans);
         EXPECT_EQ(static_cast<long>(pcm.size() / 2), length) << "decoded frames differ from the length";
         if (c.tolerance <= 1) {
-            EXPECT_GT(correlation(pcm, *source_), 0.95);
+            EXPECT_GT(correlation(pcm, source_), 0.95);
         }
         BASS_StreamFree(h);
         BASS_PluginFree(0);
@@ -149,7 +124,7 @@ TEST_F(FileStreamTest, SeeksLandOnTheExactFrame) {
         const std::string path = media_->encode(wav_, name, args);
         HSTREAM ref = open(path, BASS_STREAM_PRESCAN);
         ASSERT_NE(ref, 0u);
-        const auto whole = decodeAll(ref);
+        const auto whole = decodeAll(ref, kChans);
         BASS_StreamFree(ref);
         HSTREAM h = open(path, BASS_STREAM_PRESCAN);
         // Backwards and forwards, across packet boundaries, back to the start.
@@ -227,7 +202,7 @@ TEST_F(FileStreamTest, MemoryStreamsAndFileRegionsDecodeLikeFiles) {
     const auto bytes = readFile(wav_);
     HSTREAM m = BASS_StreamCreateFile(TRUE, bytes.data(), 0, bytes.size(), BASS_STREAM_DECODE | BASS_SAMPLE_FLOAT);
     ASSERT_NE(m, 0u);
-    EXPECT_EQ(decodeAll(m), *source_);
+    EXPECT_EQ(decodeAll(m, kChans), source_);
     BASS_StreamFree(m);
     // The same WAV stored after 1000 bytes of something else.
     std::vector<uint8_t> padded(1000 + bytes.size(), 0xAB);
@@ -236,7 +211,7 @@ TEST_F(FileStreamTest, MemoryStreamsAndFileRegionsDecodeLikeFiles) {
     writeFile(path, padded);
     HSTREAM r = BASS_StreamCreateFile(FALSE, path.c_str(), 1000, bytes.size(), BASS_STREAM_DECODE | BASS_SAMPLE_FLOAT);
     ASSERT_NE(r, 0u);
-    EXPECT_EQ(decodeAll(r), *source_);
+    EXPECT_EQ(decodeAll(r, kChans), source_);
     BASS_StreamFree(r);
     // 16-bit output and mono downmix.
     HSTREAM s = BASS_StreamCreateFile(FALSE, wav_.c_str(), 0, 0, BASS_STREAM_DECODE | BASS_SAMPLE_MONO);
@@ -247,7 +222,7 @@ TEST_F(FileStreamTest, MemoryStreamsAndFileRegionsDecodeLikeFiles) {
     EXPECT_EQ(BASS_ChannelGetLength(s, BASS_POS_BYTE), kFrames * 2);
     int16_t first[4];
     ASSERT_EQ(BASS_ChannelGetData(s, first, sizeof first), sizeof first);
-    EXPECT_NEAR(first[1] / 32768.0, ((*source_)[2] + (*source_)[3]) / 2, 1.0 / 16384);
+    EXPECT_NEAR(first[1] / 32768.0, (source_[2] + source_[3]) / 2, 1.0 / 16384);
     BASS_StreamFree(s);
 }
 
@@ -255,20 +230,7 @@ TEST_F(FileStreamTest, TagsOfEachKindAreRead) {
     // ID3v1 and APE appended by hand to an MP3.
     const std::string mp3 = media_->encode(wav_, "tagged.mp3", "-c:a libmp3lame -write_id3v1 0 -id3v2_version 0");
     auto data = readFile(mp3);
-    std::vector<uint8_t> ape;
-    auto le = [&](uint32_t v) { for (int i = 0; i < 4; ++i) ape.push_back(uint8_t(v >> (8 * i))); };
-    const std::string key = "Artist", value = "Ape Person";
-    std::vector<uint8_t> item;
-    le(static_cast<uint32_t>(value.size())), le(0);
-    item.swap(ape);
-    item.insert(item.end(), key.begin(), key.end());
-    item.push_back(0);
-    item.insert(item.end(), value.begin(), value.end());
-    ape.clear();
-    const char tagex[] = "APETAGEX";
-    ape.insert(ape.end(), item.begin(), item.end());
-    ape.insert(ape.end(), tagex, tagex + 8);
-    le(2000), le(static_cast<uint32_t>(item.size() + 32)), le(1), le(0), le(0), le(0);
+    const auto ape = apeTag("Artist", "Ape Person");
     data.insert(data.end(), ape.begin(), ape.end());
     char id3[128] = "TAG";
     std::strcpy(id3 + 3, "Song Title");
@@ -340,7 +302,7 @@ TEST_F(FileStreamTest, BadFilesFailCleanlyWithTheirErrors) {
     writeFile(mp3, bytes);
     HSTREAM h = open(mp3);
     ASSERT_NE(h, 0u);
-    const auto pcm = decodeAll(h);
+    const auto pcm = decodeAll(h, kChans);
     EXPECT_GT(pcm.size() / 2, kFrames / 3);
     EXPECT_LT(pcm.size() / 2, kFrames * 2 / 3);
     BASS_StreamFree(h);

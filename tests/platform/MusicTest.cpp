@@ -54,17 +54,6 @@ std::string gameModule(const char* name) {
     return readFile(path).empty() ? "" : path;
 }
 
-std::vector<float> decode(DWORD h, size_t maxFrames = SIZE_MAX, unsigned chans = 2) {
-    std::vector<float> out, buf(4096 * chans);
-    while (out.size() / chans < maxFrames) {
-        const size_t want = std::min(buf.size(), (maxFrames - out.size() / chans) * chans);
-        const DWORD got = BASS_ChannelGetData(h, buf.data(), static_cast<DWORD>(want * 4) | BASS_DATA_FLOAT);
-        if (got == 0xFFFFFFFF || got == 0) break;
-        out.insert(out.end(), buf.begin(), buf.begin() + got / 4);
-    }
-    return out;
-}
-
 float maxDiff(const std::vector<float>& a, const std::vector<float>& b, size_t bFrom = 0) {
     float d = 0;
     for (size_t i = 0; i < a.size() && bFrom + i < b.size(); ++i)
@@ -72,45 +61,33 @@ float maxDiff(const std::vector<float>& a, const std::vector<float>& b, size_t b
     return d;
 }
 
-double correlation(const std::vector<float>& a, const std::vector<float>& b) {
-    double ab = 0, aa = 0, bb = 0;
-    for (size_t i = 0; i < std::min(a.size(), b.size()); ++i)
-        ab += a[i] * b[i], aa += a[i] * a[i], bb += b[i] * b[i];
-    return ab / std::sqrt(aa * bb);
-}
-
-class MusicTest : public NoSoundTest {
+class MusicTest : public MediaTest {
   protected:
-    static void SetUpTestSuite() {
-        media_ = new MediaDir(), writeFile(media_->path("song.mod"), makeMod(2, 16));
-    }
-    static void TearDownTestSuite() { delete media_; }
+    static void SetUpTestSuite() { MediaTest::SetUpTestSuite(), writeFile(media_->path("song.mod"), makeMod(2, 16)); }
     static HMUSIC load(const std::string& path, DWORD flags = kFloat, DWORD freq = kRate) {
         return BASS_MusicLoad(FALSE, path.c_str(), 0, 0, flags | BASS_STREAM_DECODE, freq);
     }
     static std::string song() { return media_->path("song.mod"); }
-    static MediaDir* media_;
 };
-MediaDir* MusicTest::media_ = nullptr;
 
 } // namespace
 
 TEST_F(MusicTest, FileMemoryAndFileRegionGiveTheSameAudio) {
-    const std::vector<float> reference = decode(load(song()));
+    const std::vector<float> reference = decodeAll(load(song()), 2);
     EXPECT_GT(maxDiff(reference, std::vector<float>(reference.size())), 0.05f); // not silent
     // The memory block is overwritten once loaded: nothing may still point into it.
     std::vector<uint8_t> bytes = readFile(song());
     const HMUSIC mem = BASS_MusicLoad(TRUE, bytes.data(), 0, static_cast<DWORD>(bytes.size()),
                                       kFloat | BASS_STREAM_DECODE, kRate);
     std::fill(bytes.begin(), bytes.end(), 0xAA);
-    EXPECT_EQ(decode(mem), reference);
+    EXPECT_EQ(decodeAll(mem, 2), reference);
     // Inside a larger file, with bytes before and after.
     std::vector<uint8_t> wrapped(100, 0x55), mod = readFile(song());
     wrapped.insert(wrapped.end(), mod.begin(), mod.end()), wrapped.resize(wrapped.size() + 5000, 0x33);
     writeFile(media_->path("wrapped.bin"), wrapped);
     const HMUSIC region = BASS_MusicLoad(FALSE, media_->path("wrapped.bin").c_str(), 100,
                                          static_cast<DWORD>(mod.size()), kFloat | BASS_STREAM_DECODE, kRate);
-    EXPECT_EQ(decode(region), reference);
+    EXPECT_EQ(decodeAll(region, 2), reference);
 }
 
 TEST_F(MusicTest, InfoTextsAndOutputFormats) {
@@ -136,7 +113,7 @@ TEST_F(MusicTest, InfoTextsAndOutputFormats) {
     EXPECT_EQ(music->tags(BASS_TAG_MUSIC_AUTH), nullptr);    // MOD has no author field
     EXPECT_EQ(music->tags(BASS_TAG_MUSIC_MESSAGE), nullptr); // nor a song text
 
-    const std::vector<float> stereo = decode(load(song()));
+    const std::vector<float> stereo = decodeAll(load(song()), 2);
     const size_t frames = stereo.size() / 2;
     const HMUSIC s16 = load(song(), BASS_MUSIC_PRESCAN);
     EXPECT_EQ(BASS_ChannelGetLength(s16, BASS_POS_BYTE), frames * 4);
@@ -147,7 +124,7 @@ TEST_F(MusicTest, InfoTextsAndOutputFormats) {
     // Mono mixes both sides down, not one side alone.
     const HMUSIC mono = load(song(), kFloat | BASS_SAMPLE_MONO);
     EXPECT_EQ(BASS_ChannelGetLength(mono, BASS_POS_BYTE), frames * 4);
-    const std::vector<float> m = decode(mono, SIZE_MAX, 1);
+    const std::vector<float> m = decodeAll(mono, 1);
     std::vector<float> sum(frames), left(frames);
     for (size_t i = 0; i < frames; ++i)
         sum[i] = stereo[2 * i] + stereo[2 * i + 1], left[i] = stereo[2 * i];
@@ -164,7 +141,7 @@ TEST_F(MusicTest, PrescannedLengthIsTheDecodedLength) {
         for (DWORD freq : {kRate, 22050u}) {
             if (path.empty()) continue;
             const HMUSIC h = load(path, kFloat, freq);
-            EXPECT_EQ(BASS_ChannelGetLength(h, BASS_POS_BYTE), decode(h).size() * 4)
+            EXPECT_EQ(BASS_ChannelGetLength(h, BASS_POS_BYTE), decodeAll(h, 2).size() * 4)
                 << path << " at " << freq;
         }
     // Without a prescan: libopenmpt's estimate, there and near.
@@ -174,14 +151,14 @@ TEST_F(MusicTest, PrescannedLengthIsTheDecodedLength) {
 
 TEST_F(MusicTest, SeeksLandWhereDecodingFromTheStartArrives) {
     const HMUSIC h = load(song());
-    const std::vector<float> reference = decode(h);
+    const std::vector<float> reference = decodeAll(h, 2);
     const size_t total = reference.size() / 2, span = 3000;
     // Mid-row, on a row start, just before one, backwards, near the end, the start.
     for (size_t frame :
          {size_t{70001}, kRowFrames * 7, kRowFrames * 7 - 1, size_t{1}, total - span, size_t{0}}) {
         ASSERT_TRUE(BASS_ChannelSetPosition(h, frame * 8, BASS_POS_BYTE)) << frame;
         EXPECT_EQ(BASS_ChannelGetPosition(h, BASS_POS_BYTE), frame * 8);
-        const std::vector<float> got = decode(h, span);
+        const std::vector<float> got = decodeAll(h, 2, span);
         // libopenmpt restores voices that began rows before the landing row to
         // within a fraction of a frame; a frame off differs several times more.
         EXPECT_LT(maxDiff(got, reference, frame * 2), 0.004f) << frame;
@@ -196,7 +173,7 @@ TEST_F(MusicTest, SeeksLandWhereDecodingFromTheStartArrives) {
 TEST_F(MusicTest, RampingSoftensNoteChanges) {
     // Each note cuts the one before wherever its wave stood: a step without ramping.
     auto largestStep = [&](DWORD flags) {
-        const std::vector<float> pcm = decode(load(song(), BASS_SAMPLE_FLOAT | flags));
+        const std::vector<float> pcm = decodeAll(load(song(), BASS_SAMPLE_FLOAT | flags), 2);
         float step = 0;
         for (size_t i = 2; i < pcm.size(); i += 2)
             step = std::max(step, std::fabs(pcm[i] - pcm[i - 2]));
@@ -212,7 +189,7 @@ TEST_F(MusicTest, LoopingCarriesOnPastTheEnd) {
     BASS_ChannelSetSync(
         h, BASS_SYNC_END | BASS_SYNC_MIXTIME, 0,
         [](HSYNC, DWORD, DWORD, void* u) { ++*static_cast<std::atomic<int>*>(u); }, &ends);
-    const std::vector<float> pcm = decode(h, length + half);
+    const std::vector<float> pcm = decodeAll(h, 2, length + half);
     ASSERT_EQ(pcm.size(), (length + half) * 2);
     EXPECT_EQ(ends.load(), 1);
     EXPECT_EQ(BASS_ChannelGetPosition(h, BASS_POS_BYTE), half * 8);
@@ -221,7 +198,7 @@ TEST_F(MusicTest, LoopingCarriesOnPastTheEnd) {
                                                     pcm.end())),
               0.99);
     BASS_ChannelFlags(h, 0, BASS_SAMPLE_LOOP); // the pass under way is the last
-    EXPECT_EQ(decode(h).size() / 2, length - half);
+    EXPECT_EQ(decodeAll(h, 2).size() / 2, length - half);
     EXPECT_EQ(ends.load(), 2);
 }
 

@@ -3,25 +3,11 @@
 #include "PlatformFixture.hpp"
 #include "RampChannel.hpp"
 
-#include <atomic>
-#include <mutex>
-
 using namespace tavro::test;
 
 namespace {
 class PositionTest : public NoSoundTest {};
 
-struct Loop {
-    DWORD channel = 0;
-    QWORD startBytes = 0;
-    std::atomic<int> jumps{0};
-};
-
-void loopBack(HSYNC, DWORD channel, DWORD, void* user) {
-    auto* l = static_cast<Loop*>(user);
-    BASS_ChannelSetPosition(channel, l->startBytes, BASS_POS_BYTE | BASS_POS_FLUSH);
-    l->jumps++;
-}
 } // namespace
 
 TEST_F(PositionTest, SeekingLandsOnTheExactFrame) {
@@ -39,45 +25,24 @@ TEST_F(PositionTest, SeekingLandsOnTheExactFrame) {
 
 TEST_F(PositionTest, LoopSyncJumpsBackWithoutAGapWhenDecoding) {
     DWORD h = RampChannel::create(44100, 1, BASS_STREAM_DECODE, -1);
-    Loop loop{h, 1000 * 4};
-    ASSERT_NE(BASS_ChannelSetSync(h, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 3000 * 4, loopBack, &loop), 0u);
+    Loop loop{0, 1000 * 4};
+    ASSERT_NE(BASS_ChannelSetSync(h, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 3000 * 4, Loop::back, &loop), 0u);
     std::vector<float> out(10000);
     ASSERT_EQ(BASS_ChannelGetData(h, out.data(), 10000 * 4 | BASS_DATA_FLOAT), 40000u);
-    // 0..2999, then 1000..2999 over and over.
-    for (size_t i = 0; i < out.size(); ++i) {
-        const size_t expect = i < 3000 ? i : 1000 + (i - 3000) % 2000;
-        ASSERT_EQ(out[i], static_cast<float>(expect)) << "at output frame " << i;
-    }
+    expectLoopedRamp(out, 10000, 1000, 3000);
     EXPECT_EQ(loop.jumps.load(), 4); // at output frames 3000, 5000, 7000 and 9000
 }
 
 TEST_F(PositionTest, LoopSyncOnAPlayingChannelIsSampleAccurate) {
     DWORD h = RampChannel::create(44100, 2, 0, -1);
-    Loop loop{h, 2000 * 8};
-    ASSERT_NE(BASS_ChannelSetSync(h, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 6000 * 8, loopBack, &loop), 0u);
-    // Record the frame numbers leaving the DSP chain: what the mixer is fed.
-    struct Trace {
-        std::mutex m;
-        std::vector<float> frames;
-    } trace;
-    BASS_ChannelSetDSP(
-        h,
-        [](HDSP, DWORD, void* buf, DWORD len, void* u) {
-            auto* t = static_cast<Trace*>(u);
-            std::lock_guard lock(t->m);
-            const float* f = static_cast<const float*>(buf);
-            for (DWORD i = 0; i < len / 8; ++i) t->frames.push_back(f[2 * i]);
-        },
-        &trace, 0);
+    Loop loop{0, 2000 * 8};
+    ASSERT_NE(BASS_ChannelSetSync(h, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 6000 * 8, Loop::back, &loop), 0u);
+    FrameTrace trace(h); // the frame numbers leaving the DSP chain: what the mixer is fed
     ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
     ASSERT_TRUE(waitFor([&] { return loop.jumps >= 3; }, std::chrono::seconds(5)));
     BASS_ChannelStop(h);
     std::lock_guard lock(trace.m);
-    ASSERT_GT(trace.frames.size(), 14000u);
-    for (size_t i = 0; i < 14000; ++i) {
-        const size_t expect = i < 6000 ? i : 2000 + (i - 6000) % 4000;
-        ASSERT_EQ(trace.frames[i], static_cast<float>(expect)) << "at frame " << i;
-    }
+    expectLoopedRamp(trace.frames, 14000, 2000, 6000);
 }
 
 TEST_F(PositionTest, HeardPositionAdvancesInRealTimeAndFollowsSeeks) {

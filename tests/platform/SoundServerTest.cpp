@@ -69,10 +69,14 @@ class SoundServerTest : public ::testing::Test {
         return 0;
     }
     std::string monitor() const { return sink_ + ".monitor"; }
+    // The engine on this test's own sink.
+    bool initOwnSink() {
+        const int device = ownSink();
+        return device > 0 && BASS_Init(device, 48000, 0, nullptr, nullptr);
+    }
     // The engine on this test's own sink and a tone of `seconds` ready to play there.
     HSTREAM toneOnOwnSink(double seconds) {
-        const int device = ownSink();
-        if (device <= 0 || !BASS_Init(device, 48000, 0, nullptr, nullptr)) return 0;
+        if (!initOwnSink()) return 0;
         tone_ = toneFile(seconds);
         return BASS_StreamCreateFile(TRUE, tone_.data(), 0, tone_.size() * 4, BASS_SAMPLE_FLOAT);
     }
@@ -106,9 +110,7 @@ TEST_F(SoundServerTest, ListsTheServerOutputsAndPicksItsDefault) {
 }
 
 TEST_F(SoundServerTest, VolumeAndPanReachTheSink) {
-    const int device = ownSink();
-    ASSERT_GT(device, 0);
-    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
+    ASSERT_TRUE(initOwnSink());
     TimedRecorder rec(1.5, monitor());
     ASSERT_TRUE(rec.ok());
     const auto tone = sine(1000, 48000, 48000, 2, 0.8f);
@@ -123,9 +125,7 @@ TEST_F(SoundServerTest, VolumeAndPanReachTheSink) {
 }
 
 TEST_F(SoundServerTest, OtherRatesAreConvertedToTheDeviceRate) {
-    const int device = ownSink();
-    ASSERT_GT(device, 0);
-    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
+    ASSERT_TRUE(initOwnSink());
     TimedRecorder rec(1.5, monitor());
     const auto tone = sine(1000, 44100, 44100, 1, 0.5f);
     HSTREAM h = pushStream(44100, 1, BASS_STREAM_AUTOFREE, tone, true);
@@ -139,13 +139,9 @@ TEST_F(SoundServerTest, OtherRatesAreConvertedToTheDeviceRate) {
 }
 
 TEST_F(SoundServerTest, PositionAdvancesAtTheDeviceRate) {
-    const int device = ownSink();
-    ASSERT_GT(device, 0);
-    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
-    HSTREAM h = BASS_StreamCreate(44100, 2, BASS_SAMPLE_FLOAT, STREAMPROC_DUMMY, nullptr);
-    // A dummy stream is decode-only; play a procedure stream of silence instead.
-    BASS_StreamFree(h);
-    h = BASS_StreamCreate(44100, 2, BASS_SAMPLE_FLOAT,
+    ASSERT_TRUE(initOwnSink());
+    // A procedure stream of silence at another rate than the device's.
+    HSTREAM h = BASS_StreamCreate(44100, 2, BASS_SAMPLE_FLOAT,
                           [](HSTREAM, void* b, DWORD len, void*) -> DWORD {
                               std::memset(b, 0, len);
                               return len;
@@ -273,9 +269,7 @@ TEST_F(SoundServerTest, EndReportComesJustBeforeTheHeardEndAndReplaysKeepTheTail
 // within 10 ms: clicks every 250 ms, their recorded times against the syncs'
 // and the positions reported meanwhile.
 TEST_F(SoundServerTest, HeardPositionsAndSyncsMatchWhatLeavesTheSink) {
-    const int device = ownSink();
-    ASSERT_GT(device, 0);
-    ASSERT_TRUE(BASS_Init(device, 48000, 0, nullptr, nullptr));
+    ASSERT_TRUE(initOwnSink());
     constexpr size_t kStep = 12000, kClicks = 9;
     std::vector<float> train((kClicks + 1) * kStep * 2, 0.0f);
     for (size_t k = 1; k <= kClicks; ++k)

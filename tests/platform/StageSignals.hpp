@@ -10,19 +10,6 @@
 
 namespace tavro::test {
 
-// Reads a decoding channel to its end, or `limit` frames, as float frames.
-inline std::vector<float> decodeAll(DWORD h, unsigned chans, size_t limit = SIZE_MAX) {
-    std::vector<float> out, buf(4096 * chans);
-    while (out.size() / chans < limit) {
-        const size_t want = std::min<size_t>(4096, limit - out.size() / chans);
-        const DWORD got =
-            BASS_ChannelGetData(h, buf.data(), static_cast<DWORD>(want * chans * 4) | BASS_DATA_FLOAT);
-        if (got == 0xFFFFFFFF || got == 0) break;
-        out.insert(out.end(), buf.begin(), buf.begin() + got / 4);
-    }
-    return out;
-}
-
 // Frequency of a mono tone from its rising zero crossings in frames [from, to).
 inline double toneHz(const std::vector<float>& v, size_t from, size_t to, double rate) {
     size_t first = 0, last = 0, count = 0;

@@ -6,30 +6,12 @@
 #include "RampChannel.hpp"
 #include "StageSignals.hpp"
 
-#include <atomic>
-#include <mutex>
-
 using namespace tavro::test;
 
 namespace {
 class TempoStageTest : public NoSoundTest {};
 
 constexpr DWORD kRate = 44100;
-
-// A mixtime position sync that jumps back, noting where the source was.
-struct Loop {
-    DWORD source = 0;
-    QWORD startBytes = 0;
-    std::atomic<int> jumps{0};
-    std::atomic<QWORD> sourceAt{0};
-};
-
-void loopBack(HSYNC, DWORD channel, DWORD, void* user) {
-    auto* l = static_cast<Loop*>(user);
-    l->sourceAt = BASS_ChannelGetPosition(l->source, BASS_POS_BYTE);
-    BASS_ChannelSetPosition(channel, l->startBytes, BASS_POS_BYTE | BASS_POS_FLUSH);
-    l->jumps++;
-}
 
 void countCall(HSYNC, DWORD, DWORD, void* user) {
     static_cast<std::atomic<int>*>(user)->fetch_add(1);
@@ -146,27 +128,13 @@ TEST_F(TempoStageTest, LoopInPassThroughLandsOnTheExactStartFrameEveryTime) {
     DWORD src = RampChannel::create(kRate, 2, BASS_STREAM_DECODE, -1);
     HSTREAM t = BASS_FX_TempoCreate(src, BASS_FX_FREESOURCE);
     Loop loop{src, 2000 * 8};
-    ASSERT_NE(BASS_ChannelSetSync(t, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 6000 * 8, loopBack, &loop), 0u);
-    struct Trace {
-        std::mutex m;
-        std::vector<float> frames;
-    } trace;
-    BASS_ChannelSetDSP(
-        t,
-        [](HDSP, DWORD, void* buf, DWORD len, void* u) {
-            auto* tr = static_cast<Trace*>(u);
-            std::lock_guard lock(tr->m);
-            for (DWORD i = 0; i < len / 8; ++i)
-                tr->frames.push_back(static_cast<const float*>(buf)[2 * i]);
-        },
-        &trace, 0);
+    ASSERT_NE(BASS_ChannelSetSync(t, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 6000 * 8, Loop::back, &loop), 0u);
+    FrameTrace trace(t);
     ASSERT_TRUE(BASS_ChannelPlay(t, FALSE));
     ASSERT_TRUE(waitFor([&] { return loop.jumps >= 3; }, std::chrono::seconds(5)));
     BASS_ChannelStop(t);
     std::lock_guard lock(trace.m);
-    ASSERT_GT(trace.frames.size(), 14000u);
-    for (size_t i = 0; i < 14000; ++i)
-        ASSERT_EQ(trace.frames[i], static_cast<float>(i < 6000 ? i : 2000 + (i - 6000) % 4000)) << i;
+    expectLoopedRamp(trace.frames, 14000, 2000, 6000);
 }
 
 TEST_F(TempoStageTest, LoopAtAnotherTempoIsSeamless) {
@@ -174,7 +142,7 @@ TEST_F(TempoStageTest, LoopAtAnotherTempoIsSeamless) {
     HSTREAM t = BASS_FX_TempoCreate(src, BASS_STREAM_DECODE | BASS_FX_FREESOURCE);
     ASSERT_TRUE(BASS_ChannelSetAttribute(t, BASS_ATTRIB_TEMPO, 10));
     Loop loop{src, 44100 * 4};
-    ASSERT_NE(BASS_ChannelSetSync(t, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 88200 * 4, loopBack, &loop), 0u);
+    ASSERT_NE(BASS_ChannelSetSync(t, BASS_SYNC_POS | BASS_SYNC_MIXTIME, 88200 * 4, Loop::back, &loop), 0u);
     const auto out = decodeAll(t, 1, 6 * 44100);
     ASSERT_EQ(out.size(), 6u * 44100);
     EXPECT_EQ(loop.sourceAt.load(), 88200u * 4); // fired on the source's exact frame

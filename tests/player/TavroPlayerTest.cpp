@@ -15,20 +15,17 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class TavroPlayerTest : public NoSoundTest {
+class TavroPlayerTest : public MediaTest {
   protected:
     static void SetUpTestSuite() {
-        media_ = new MediaDir();
+        MediaTest::SetUpTestSuite();
         writeWav16(media_->path("short.wav"), testSignal(44100 / 4, 2, 44100), 44100, 2); // 250 ms
         writeWav16(media_->path("long.wav"), testSignal(44100 * 5, 2, 44100), 44100, 2);
     }
-    static void TearDownTestSuite() { delete media_; }
     static std::shared_ptr<TavroSource> file(const std::string& name) {
         return TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(media_->path(name)));
     }
-    static MediaDir* media_;
 };
-MediaDir* TavroPlayerTest::media_ = nullptr;
 
 // Records every report in the order it arrives.
 struct Recorder : TavroPlayerDelegate {
@@ -97,12 +94,11 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     ASSERT_TRUE(TavroMainQueue::runUntil([&] { return events.size() == 2; }, 1s));
     EXPECT_EQ(events[1], "error Cannot open file");
 
-    p->setIncludesDSP(true);
-    p->setIncludesCrossfeed(true);
-    p->setIncludesVolumeNormalizer(true);
-    p->setIncludesEffects(true);
-    p->setIncludesAnalyzer(true);
-    p->setIncludesBPM(true);
+    auto includeAll = [&](bool on) {
+        p->setIncludesDSP(on), p->setIncludesCrossfeed(on), p->setIncludesVolumeNormalizer(on);
+        p->setIncludesEffects(on), p->setIncludesAnalyzer(on), p->setIncludesBPM(on);
+    };
+    includeAll(true);
     ASSERT_TRUE(p->loadSource(file("long.wav")));
     ASSERT_TRUE(p->effects());
     ASSERT_TRUE(p->analyzer());
@@ -115,12 +111,7 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     ASSERT_TRUE(p->dsp());
     ASSERT_TRUE(p->crossfeed());
     EXPECT_NE(p->dsp()->dspHandle(), 0u);
-    p->setIncludesDSP(false);
-    p->setIncludesCrossfeed(false);
-    p->setIncludesVolumeNormalizer(false);
-    p->setIncludesEffects(false);
-    p->setIncludesAnalyzer(false);
-    p->setIncludesBPM(false);
+    includeAll(false);
     p->setSpatialEnabled(true);
     ASSERT_TRUE(p->loadSource(file("long.wav")));
     TavroMainQueue::runFor(std::chrono::milliseconds(50));

@@ -2,6 +2,7 @@
 // at the exact frame, attributes, tags, and syncs on the main queue.
 #include "MediaFixtures.hpp"
 #include "PlatformFixture.hpp"
+#include "RampChannel.hpp"
 
 #include <tavro/dispatch/TavroMainQueue.hpp>
 #include <tavro/sources/TavroFileSource.hpp>
@@ -12,33 +13,28 @@
 
 #include <atomic>
 #include <cstring>
-#include <mutex>
 
 using namespace tavro::test;
 
 namespace {
 
-class TavroStreamTest : public NoSoundTest {
+class TavroStreamTest : public MediaTest {
   protected:
     static void SetUpTestSuite() {
-        media_ = new MediaDir();
+        MediaTest::SetUpTestSuite();
         // A counter signal: sample n of the left channel is n / 2^24, exact in float.
         std::vector<float> pcm(kFrames * 2);
         for (size_t i = 0; i < kFrames; ++i) pcm[2 * i] = pcm[2 * i + 1] = static_cast<float>(i) / 16777216.0f;
         wavPath_ = media_->path("counter.wav");
         writeFloatWav(wavPath_, pcm, kRate, 2);
     }
-    static void TearDownTestSuite() { delete media_; }
 
     static std::shared_ptr<TavroFileSource> source() { return TavroFileSource::initWithFileURL(TavroURL::fileURLWithPath(wavPath_)); }
 
     static constexpr unsigned kRate = 44100;
     static constexpr size_t kFrames = 10 * kRate;
-    static MediaDir* media_;
-    static std::string wavPath_;
+    static inline std::string wavPath_;
 };
-MediaDir* TavroStreamTest::media_ = nullptr;
-std::string TavroStreamTest::wavPath_;
 
 } // namespace
 
@@ -91,31 +87,13 @@ TEST_F(TavroStreamTest, MissingFilesFailWithTheMusicLoadersError) {
 TEST_F(TavroStreamTest, LoopJumpsBackToTheExactStartFrameWhilePlaying) {
     auto s = TavroStream::streamWithSource(source(), TavroSourceFlagFloat, TavroStreamOptionFXChain);
     ASSERT_TRUE(s);
-    struct Trace {
-        std::mutex m;
-        std::vector<float> left;
-    } trace;
-    BASS_ChannelSetDSP(
-        s->handle(),
-        [](HDSP, DWORD, void* buf, DWORD len, void* u) {
-            auto* t = static_cast<Trace*>(u);
-            std::lock_guard lock(t->m);
-            for (DWORD i = 0; i < len / 8; ++i) t->left.push_back(static_cast<const float*>(buf)[2 * i]);
-        },
-        &trace, 0);
+    FrameTrace trace(s->handle());
     ASSERT_TRUE(s->setLoopFromSeconds(0.5, 0.75));
     ASSERT_TRUE(s->play(false));
-    ASSERT_TRUE(waitFor([&] {
-        std::lock_guard lock(trace.m);
-        return trace.left.size() > 44100;
-    }, std::chrono::seconds(5)));
+    ASSERT_TRUE(waitFor([&] { return trace.size() > 44100; }, std::chrono::seconds(5)));
     s->stop();
     std::lock_guard lock(trace.m);
-    const size_t start = 22050, end = 33075;
-    for (size_t i = 0; i < 44100; ++i) {
-        const size_t expect = i < end ? i : start + (i - end) % (end - start);
-        ASSERT_EQ(trace.left[i], static_cast<float>(expect) / 16777216.0f) << "frame " << i;
-    }
+    expectLoopedRamp(trace.frames, 44100, 22050, 33075, 1.0f / 16777216.0f);
     EXPECT_FALSE(s->setLoopFromSeconds(5, 5));
     EXPECT_EQ(s->loopSync(), 0u);
 }
@@ -144,18 +122,7 @@ TEST_F(TavroStreamTest, AttributesSlidesAndSeeksGoThroughTheTopChannel) {
 TEST_F(TavroStreamTest, TagsMergeInOrderWithLowerCaseKeys) {
     auto data = readFile(wavPath_);
     // An ID3v1 record and, before it, an APE tag whose Title overrides it.
-    std::vector<uint8_t> ape;
-    auto le = [&](uint32_t v) {
-        for (int i = 0; i < 4; ++i) ape.push_back(uint8_t(v >> (8 * i)));
-    };
-    const std::string value = "Ape Title";
-    le(static_cast<uint32_t>(value.size())), le(0);
-    for (char c : std::string("Title")) ape.push_back(static_cast<uint8_t>(c));
-    ape.push_back(0);
-    ape.insert(ape.end(), value.begin(), value.end());
-    const size_t items = ape.size();
-    for (char c : std::string("APETAGEX")) ape.push_back(static_cast<uint8_t>(c));
-    le(2000), le(static_cast<uint32_t>(items + 32)), le(1), le(0), le(0), le(0);
+    const auto ape = apeTag("Title", "Ape Title");
     data.insert(data.end(), ape.begin(), ape.end());
     char id3[128] = {};
     std::memcpy(id3, "TAG", 3);

@@ -2,7 +2,7 @@
 // as WAV by the test itself and encoded to other formats by Debian's ffmpeg.
 #pragma once
 
-#include <gtest/gtest.h>
+#include "PlatformFixture.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -74,6 +74,15 @@ class MediaDir {
     std::string dir_;
 };
 
+// A test whose suite shares one media folder.
+template <class Base = NoSoundTest> class MediaTestOn : public Base {
+  protected:
+    static void SetUpTestSuite() { media_ = new MediaDir(); }
+    static void TearDownTestSuite() { delete media_, media_ = nullptr; }
+    static inline MediaDir* media_ = nullptr;
+};
+using MediaTest = MediaTestOn<>;
+
 inline std::vector<uint8_t> readFile(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
@@ -82,6 +91,20 @@ inline std::vector<uint8_t> readFile(const std::string& path) {
 inline void writeFile(const std::string& path, const std::vector<uint8_t>& data) {
     std::ofstream f(path, std::ios::binary);
     f.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+}
+
+// An APE tag (version 2000, footer only) holding one item, to append to a file.
+inline std::vector<uint8_t> apeTag(const std::string& key, const std::string& value) {
+    std::vector<uint8_t> t;
+    auto le = [&](uint32_t v) { for (int i = 0; i < 4; ++i) t.push_back(uint8_t(v >> (8 * i))); };
+    le(static_cast<uint32_t>(value.size())), le(0);
+    t.insert(t.end(), key.begin(), key.end());
+    t.push_back(0);
+    t.insert(t.end(), value.begin(), value.end());
+    const auto items = static_cast<uint32_t>(t.size());
+    for (char c : std::string("APETAGEX")) t.push_back(static_cast<uint8_t>(c));
+    le(2000), le(items + 32), le(1), le(0), le(0), le(0);
+    return t;
 }
 
 } // namespace tavro::test

@@ -4,8 +4,10 @@
 #include <bass.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -19,6 +21,15 @@ class NoSoundTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(BASS_Init(0, 44100, 0, nullptr, nullptr)) << BASS_ErrorGetCode(); }
     void TearDown() override { BASS_Free(); }
+};
+
+// The same, with DSPs handed float samples.
+class FloatDspTest : public NoSoundTest {
+  protected:
+    void SetUp() override {
+        NoSoundTest::SetUp();
+        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
+    }
 };
 
 inline std::vector<float> sine(double freq, double rate, size_t frames, unsigned chans, float amp) {
@@ -39,6 +50,11 @@ inline bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds
     return pred();
 }
 
+// Calls `step` over and over for `d`.
+inline void runFor(std::chrono::milliseconds d, const std::function<void()>& step) {
+    for (const auto end = std::chrono::steady_clock::now() + d; std::chrono::steady_clock::now() < end;) step();
+}
+
 // What a shell command prints (reference tools in the comparisons).
 inline std::string runCommand(const std::string& cmd) {
     std::string out;
@@ -48,6 +64,24 @@ inline std::string runCommand(const std::string& cmd) {
         pclose(p);
     }
     return out;
+}
+
+// Reads a decoding channel to its end, or `limit` frames, as float frames.
+inline std::vector<float> decodeAll(DWORD h, unsigned chans, size_t limit = SIZE_MAX) {
+    std::vector<float> out, buf(4096 * chans);
+    while (out.size() / chans < limit) {
+        const size_t want = std::min<size_t>(4096, limit - out.size() / chans);
+        const DWORD got = BASS_ChannelGetData(h, buf.data(), static_cast<DWORD>(want * chans * 4) | BASS_DATA_FLOAT);
+        if (got == 0xFFFFFFFF || got == 0) break;
+        out.insert(out.end(), buf.begin(), buf.begin() + got / 4);
+    }
+    return out;
+}
+
+inline double correlation(const std::vector<float>& a, const std::vector<float>& b) {
+    double ab = 0, aa = 0, bb = 0;
+    for (size_t i = 0; i < std::min(a.size(), b.size()); ++i) ab += a[i] * b[i], aa += a[i] * a[i], bb += b[i] * b[i];
+    return ab / std::sqrt(aa * bb);
 }
 
 inline HSTREAM pushStream(DWORD freq, DWORD chans, DWORD flags, const std::vector<float>& data, bool end) {

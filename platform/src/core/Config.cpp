@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <mutex>
+#include <thread>
 
 namespace tavro::platform {
 
@@ -56,6 +57,10 @@ struct Store {
     std::atomic<IOSNOTIFYPROC*> iosNotify{nullptr};
     Store() {
         for (size_t i = 0; i < kOptions.size(); ++i) values[i].store(kOptions[i].initial);
+        // As many update threads as cores (at most the option's 8).
+        const DWORD cores = std::clamp<DWORD>(std::thread::hardware_concurrency(), 1, 8);
+        for (size_t i = 0; i < kOptions.size(); ++i)
+            if (kOptions[i].id == BASS_CONFIG_UPDATETHREADS) values[i].store(cores);
     }
 };
 

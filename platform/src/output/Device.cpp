@@ -59,27 +59,44 @@ int64_t audioBusyNs() { return busyNs.load(std::memory_order_relaxed); }
 
 namespace {
 
-// Renders playing channels ahead into their rings. With nothing playing it
+// Renders playing channels ahead into their rings, on as many threads as
+// BASS_CONFIG_UPDATETHREADS says (0 counts as 1). A channel always goes to
+// the same thread (by its handle), so each ring has one producer and the
+// threads share nothing but the channel list; each takes no lock on the mix
+// path beyond its channels' own render locks. A thread with nothing to play
 // sleeps until a channel starts.
 class Updater {
   public:
-    Updater() {
-        thread_ = std::thread([this] { run(); });
-        thread_.detach();
-    }
+    static constexpr unsigned kMaxThreads = 8;
+    Updater() { ensureThreads(); }
     void wake() {
+        ensureThreads();
         {
             std::lock_guard lock(mutex_);
-            woken_ = true;
+            ++wakes_;
         }
-        cv_.notify_one();
+        cv_.notify_all();
     }
 
   private:
-    void run() {
+    static unsigned wanted() { return std::clamp<unsigned>(Config::value(BASS_CONFIG_UPDATETHREADS), 1, kMaxThreads); }
+
+    // Threads are started as the setting asks for more and never stopped:
+    // one beyond the setting finds nothing of its own and sleeps.
+    void ensureThreads() {
+        std::lock_guard lock(startMutex_);
+        for (unsigned k = started_.load(); k < wanted(); ++k) {
+            std::thread([this, k] { run(k); }).detach();
+            started_.store(k + 1);
+        }
+    }
+
+    void run(unsigned index) {
         raiseAudioThreadPriority();
         std::vector<std::shared_ptr<Channel>> work;
+        uint64_t seen = 0;
         for (;;) {
+            const unsigned threads = wanted();
             work.clear();
             for (auto& d : Device::all()) {
                 auto chans = d->attachedChannels();
@@ -89,6 +106,7 @@ class Updater {
             const int64_t start = monotonicNs();
             bool playing = false;
             for (auto& ch : work) {
+                if (ch->handle() % threads != index) continue;
                 if (ch->state() != ChannelState::Playing || ch->isFreed()) continue;
                 playing = true; // an ended one still plays out its ring
                 if (!ch->ended()) ch->fillRing(ch->ringTarget());
@@ -99,17 +117,19 @@ class Updater {
             // Never sleep longer than a third of the buffer, or it would run dry.
             period = std::clamp<DWORD>(period == 0 ? 10 : period, 5, std::max<DWORD>(5, bufferMs / 3));
             std::unique_lock lock(mutex_);
+            const auto woken = [&] { return wakes_ != seen; };
             if (playing)
-                cv_.wait_for(lock, std::chrono::milliseconds(period), [this] { return woken_; });
+                cv_.wait_for(lock, std::chrono::milliseconds(period), woken);
             else
-                cv_.wait(lock, [this] { return woken_; });
-            woken_ = false;
+                cv_.wait(lock, woken);
+            seen = wakes_;
         }
     }
+    std::mutex startMutex_;
+    std::atomic<unsigned> started_{0};
     std::mutex mutex_;
     std::condition_variable cv_;
-    bool woken_ = false;
-    std::thread thread_;
+    uint64_t wakes_ = 0; // mutex_: every wake() counts, so each thread sees it
 };
 
 Updater& updater() {

@@ -85,9 +85,7 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     const std::shared_ptr<TavroEffects>& effects() const { return effects_; }
     const std::shared_ptr<TavroDSP>& dsp() const { return dsp_; }
     const std::shared_ptr<TavroAnalyzer>& analyzer() const { return analyzer_; }
-    void setAnalyzer(std::shared_ptr<TavroAnalyzer> a) { analyzer_ = std::move(a); }
     const std::shared_ptr<TavroBPM>& bpm() const { return bpm_; }
-    void setBpm(std::shared_ptr<TavroBPM> b) { bpm_ = std::move(b); }
     const std::shared_ptr<TavroCrossfeed>& crossfeed() const { return crossfeed_; }
     const std::shared_ptr<TavroVolumeNormalizer>& volumeNormalizer() const { return volumeNormalizer_; }
     TavroPlayerState state() const { return state_; }
@@ -117,9 +115,6 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     const std::function<void()>& onEnd() const { return onEnd_; }
     const std::function<void(double)>& onProgress() const { return onProgress_; }
 
-    void deliverStateChange();
-    void deliverError(const TavroError* error);
-
     // Progress and fades.
     void beginProgressUpdatesEvery(double interval);
     void endProgressUpdates();
@@ -133,6 +128,9 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
   private:
     TavroPlayer() = default;
     void handleEnd();
+    // Reports go out through the main queue, never from inside the call.
+    void deliverStateChange();
+    void deliverError(const TavroError* error);
 
     bool fxChainEnabled_ = true, reverseEnabled_ = false, spatialEnabled_ = false;
     bool includesEffects_ = false, includesDSP_ = false, includes3DSound_ = false, includesAnalyzer_ = false;

@@ -12,6 +12,8 @@
 // stopped, the object is destroyed, or setStream moves them to another stream.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/TavroURL.hpp>
 #include <tavro/stream/TavroStream.hpp>
 
@@ -21,7 +23,7 @@
 #include <mutex>
 #include <vector>
 
-class TavroBPM {
+class TAVRO_API TavroBPM {
   public:
     static std::shared_ptr<TavroBPM> initWithStream(const std::shared_ptr<TavroStream>& stream);
     ~TavroBPM();

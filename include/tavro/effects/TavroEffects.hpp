@@ -7,6 +7,8 @@
 // mixing thread itself, so no call here waits on audio work.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/effects/TavroBFXEffectParams.hpp>
 #include <tavro/effects/TavroEffectParams.hpp>
 #include <tavro/stream/TavroStream.hpp>
@@ -16,7 +18,7 @@
 #include <memory>
 #include <vector>
 
-class TavroEffects : public std::enable_shared_from_this<TavroEffects> {
+class TAVRO_API TavroEffects : public std::enable_shared_from_this<TavroEffects> {
   public:
     static std::shared_ptr<TavroEffects> initWithStream(const std::shared_ptr<TavroStream>& stream);
 

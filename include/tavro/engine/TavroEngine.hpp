@@ -10,6 +10,8 @@
 // is set when the notification is delivered (not when it was raised).
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/engine/TavroDeviceInfo.hpp>
 #include <tavro/engine/TavroError.hpp>
 
@@ -31,7 +33,7 @@ constexpr TavroSessionOptions TavroSessionOptionAirPlay = 16;
 constexpr TavroSessionOptions TavroSessionOptionBluetoothHFP = 32;
 constexpr TavroSessionOptions TavroSessionOptionBluetoothA2DP = 64;
 
-class TavroEngine {
+class TAVRO_API TavroEngine {
   public:
     // The instance the notification procedures deliver to; made once, on first
     // use, from whichever thread asks first, and kept for the whole process.

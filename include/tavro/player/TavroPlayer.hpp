@@ -7,6 +7,8 @@
 // dropped. The player takes no locks.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/analysis/TavroAnalyzer.hpp>
 #include <tavro/analysis/TavroBPM.hpp>
 #include <tavro/analysis/TavroVolumeNormalizer.hpp>
@@ -35,7 +37,7 @@ constexpr TavroPlayerOptions TavroPlayerOptionReverse = 2;
 class TavroPlayer;
 
 // Every operation is optional: the defaults do nothing.
-class TavroPlayerDelegate {
+class TAVRO_API TavroPlayerDelegate {
   public:
     virtual ~TavroPlayerDelegate() = default;
     virtual void bassPlayerDidChangeState(TavroPlayer& player, int64_t state) { (void)player, (void)state; }
@@ -44,7 +46,7 @@ class TavroPlayerDelegate {
     virtual void bassPlayerDidUpdatePosition(TavroPlayer& player, double position) { (void)player, (void)position; }
 };
 
-class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
+class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
   public:
     static std::shared_ptr<TavroPlayer> init();
     static std::shared_ptr<TavroPlayer> initWithSource(std::shared_ptr<TavroSource> source);

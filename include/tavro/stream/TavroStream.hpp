@@ -7,6 +7,8 @@
 // thread, where it reads loopStartBytes and moves the position.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/engine/TavroError.hpp>
 #include <tavro/sources/TavroSource.hpp>
 
@@ -27,7 +29,7 @@ constexpr TavroSeekFlags TavroSeekDecodeTo = 1;
 constexpr TavroSeekFlags TavroSeekScan = 2;
 constexpr TavroSeekFlags TavroSeekFlush = 4;
 
-class TavroStream : public std::enable_shared_from_this<TavroStream> {
+class TAVRO_API TavroStream : public std::enable_shared_from_this<TavroStream> {
   public:
     static std::shared_ptr<TavroStream> streamWithSource(std::shared_ptr<TavroSource> source, TavroSourceFlags flags,
                                                          TavroStreamOptions options, TavroError* error = nullptr);

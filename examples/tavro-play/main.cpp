@@ -12,8 +12,9 @@
 // and end (a again clears it), q quit.
 #include <tavro/tavro.hpp>
 
+// Only the tone's source makes a platform channel itself; everything else
+// goes through the library's classes.
 #include <bass.h>
-#include <bass_fx.h>
 
 #include <chrono>
 #include <cmath>
@@ -28,7 +29,7 @@ namespace {
 
 struct Options {
     std::string file;
-    int device = -2; // -2: the engine's default
+    int64_t device = -1; // -1: the default device
     bool listOnly = false, tour = false;
     double seconds = 0;
 };
@@ -96,28 +97,28 @@ const char* stateName(int64_t s) {
 // resumes it by itself, and the player only tells the listener.
 class OutputWatch {
   public:
-    // `viaEngine`: the engine was started (else the device was opened directly).
-    OutputWatch(TavroEngine& engine, bool viaEngine) : engine_(engine), viaEngine_(viaEngine) {
+    explicit OutputWatch(TavroEngine& engine) : engine_(engine) {
         engine.setOnAudioDeviceChange([this](int64_t code) {
-            if (code != 4 || lost_) return;
+            if (code != 4 || lost_) return; // 4: the output failed
             lost_ = true;
             std::printf("\n[output] the sound server went away: playback is held and resumes when it returns\n");
         });
     }
     ~OutputWatch() { engine_.setOnAudioDeviceChange({}); }
-    static void describe(bool chosen) {
-        BASS_DEVICEINFO di{};
-        const DWORD device = BASS_GetDevice();
-        BASS_GetDeviceInfo(device, &di);
+    void describe(bool chosen) const {
+        const int32_t device = engine_.currentOutputDevice();
+        std::string name;
+        for (const auto& d : engine_.availableOutputDevices())
+            if (d.deviceID == device) name = d.name;
         if (device == 0 && !chosen)
             std::printf("No sound server is reachable: playing on the no-sound device, nothing will be heard.\n");
         else
-            std::printf("Playing on device %u: %s\n", device, di.name ? di.name : "");
+            std::printf("Playing on device %d: %s\n", device, name.c_str());
     }
     // Called from the main loop: notices the output running again.
     void poll() {
         if (!lost_) return;
-        if (viaEngine_ ? engine_.resumeOutputNeedsReinit() : !BASS_Start()) return;
+        if (engine_.resumeOutputNeedsReinit()) return;
         lost_ = false;
         std::printf("\n[output] the sound server is back: ");
         describe(true);
@@ -125,33 +126,59 @@ class OutputWatch {
 
   private:
     TavroEngine& engine_;
-    const bool viaEngine_;
     bool lost_ = false;
 };
 
-// A tone through a push stream, for when no file is given.
+// Two seconds of a 440 Hz tone made in memory: a source is how an application
+// hands the library audio of its own.
+class ToneSource final : public TavroSource {
+  public:
+    ToneSource() : pcm_(kRate * 2 * 2) {
+        for (size_t i = 0; i < kRate * 2; ++i) {
+            const float env = std::min(1.0f, std::min(static_cast<float>(i), static_cast<float>(kRate * 2 - i)) / 2000.0f);
+            pcm_[2 * i] = pcm_[2 * i + 1] = 0.4f * env * static_cast<float>(std::sin(2 * M_PI * 440.0 * static_cast<double>(i) / kRate));
+        }
+    }
+    uint32_t createStreamWithFlags(TavroSourceFlags flags, TavroError* error) override {
+        const DWORD decode = (flags & TavroSourceFlagDecode) ? BASS_STREAM_DECODE : 0;
+        const HSTREAM h = BASS_StreamCreate(kRate, 2, BASS_SAMPLE_FLOAT | decode, STREAMPROC_PUSH, nullptr);
+        if (!h || BASS_StreamPutData(h, pcm_.data(), static_cast<DWORD>(pcm_.size() * 4) | BASS_STREAMPROC_END) == 0xFFFFFFFF) {
+            if (error) *error = TavroError::currentError();
+            if (h) BASS_StreamFree(h);
+            return 0;
+        }
+        return h;
+    }
+    std::string displayName() const override { return "tone"; }
+
+  private:
+    static constexpr size_t kRate = 44100;
+    std::vector<float> pcm_;
+};
+
 int playTone(OutputWatch& watch) {
     std::printf("No file given: a two-second tone through a push stream.\n");
-    const DWORD rate = 44100;
-    HSTREAM h = BASS_StreamCreate(rate, 2, BASS_SAMPLE_FLOAT, STREAMPROC_PUSH, nullptr);
-    std::vector<float> pcm(rate * 2 * 2);
-    for (size_t i = 0; i < rate * 2; ++i) {
-        const float env = std::min(1.0f, std::min(static_cast<float>(i), static_cast<float>(rate * 2 - i)) / 2000.0f);
-        pcm[2 * i] = pcm[2 * i + 1] = 0.4f * env * static_cast<float>(std::sin(2 * M_PI * 440.0 * static_cast<double>(i) / rate));
+    TavroError error;
+    auto stream = TavroStream::streamWithSource(std::make_shared<ToneSource>(), TavroSourceFlagFloat, &error);
+    if (!stream) {
+        std::fprintf(stderr, "cannot make the tone: %s\n", error.localizedDescription().c_str());
+        return 1;
     }
-    BASS_StreamPutData(h, pcm.data(), static_cast<DWORD>(pcm.size() * 4) | BASS_STREAMPROC_END);
-    BASS_ChannelPlay(h, FALSE);
-    while (BASS_ChannelIsActive(h) == BASS_ACTIVE_PLAYING) {
-        float lv[2] = {0, 0};
-        BASS_ChannelGetLevelEx(h, lv, 0.05f, BASS_LEVEL_STEREO);
-        const int n = static_cast<int>(lv[0] * 40);
-        std::printf("\r  level L %-40s %.2f", std::string(static_cast<size_t>(n), '|').c_str(), lv[0]);
+    auto analyzer = TavroAnalyzer::initWithStream(stream);
+    bool done = false;
+    TavroSync::addEndSyncOnStream(stream, [&done] { done = true; });
+    stream->play(false);
+    while (!done) {
+        float left = 0;
+        analyzer->readPeakLeft(&left, nullptr, nullptr, nullptr);
+        const int n = static_cast<int>(left * 40);
+        std::printf("\r  level L %-40s %.2f", std::string(static_cast<size_t>(n), '|').c_str(), static_cast<double>(left));
         std::fflush(stdout);
         TavroMainQueue::runFor(std::chrono::milliseconds(50));
         watch.poll();
     }
     std::printf("\n");
-    BASS_StreamFree(h);
+    stream->free();
     return 0;
 }
 
@@ -163,7 +190,7 @@ int main(int argc, char** argv) {
         const std::string a = argv[i];
         if (a == "--list-devices") opt.listOnly = true;
         else if (a == "--no-sound") opt.device = 0;
-        else if (a == "--device" && i + 1 < argc) opt.device = std::atoi(argv[++i]);
+        else if (a == "--device" && i + 1 < argc) opt.device = std::atoll(argv[++i]);
         else if (a == "--tour") opt.tour = true;
         else if (a == "--seconds" && i + 1 < argc) opt.seconds = std::atof(argv[++i]);
         else if (a == "--help" || a == "-h") {
@@ -179,19 +206,13 @@ int main(int argc, char** argv) {
     if (opt.listOnly) return 0;
 
     TavroError error;
-    if (opt.device == -2) {
-        if (!engine->startWithError(&error)) {
-            std::fprintf(stderr, "cannot start the engine: %s\n", error.localizedDescription().c_str());
-            return 1;
-        }
-    } else if (!BASS_Init(opt.device, 44100, 0, nullptr, nullptr)) {
-        std::fprintf(stderr, "cannot open device %d: %s\n", opt.device, TavroError::currentError().localizedDescription().c_str());
+    if (!engine->startWithDevice(opt.device, &error)) {
+        if (opt.device == -1) std::fprintf(stderr, "cannot start the engine: %s\n", error.localizedDescription().c_str());
+        else std::fprintf(stderr, "cannot open device %lld: %s\n", static_cast<long long>(opt.device), error.localizedDescription().c_str());
         return 1;
-    } else {
-        BASS_SetConfig(BASS_CONFIG_FLOATDSP, 1);
     }
-    OutputWatch::describe(opt.device != -2);
-    OutputWatch watch(*engine, opt.device == -2);
+    OutputWatch watch(*engine);
+    watch.describe(opt.device != -1);
     engine->loadAllPlugins();
 
     int status = 0;
@@ -200,6 +221,7 @@ int main(int argc, char** argv) {
     } else {
         auto player = TavroPlayer::init();
         player->setReverseEnabled(true); // tempo stage over a reverse stage
+        player->setIncludesEffects(true);
         player->setIncludesAnalyzer(true);
         player->setIncludesBPM(true);
         TavroError loadError;
@@ -209,9 +231,9 @@ int main(int argc, char** argv) {
             status = 1;
         } else {
             auto stream = player->stream();
-            const uint32_t h = stream->handle();
-            const uint32_t reverse = BASS_FX_TempoGetSource(h);
-            BASS_ChannelSetAttribute(reverse, BASS_ATTRIB_REVERSE_DIR, BASS_FX_RVS_FORWARD);
+            auto effects = player->effects();
+            // A reverse stage starts at the end, playing backwards.
+            effects->applyReverseEnabled(false);
             stream->seekToSeconds(0);
             auto tags = stream->readTags();
             std::printf("Title:  %s\nArtist: %s\nLength: %s\n", tags.count("title") ? tags["title"].c_str() : "-",
@@ -232,17 +254,17 @@ int main(int argc, char** argv) {
                 case 'R': player->seekBy(5); note = "seek +5 s"; break;
                 case 'U': case 'D':
                     tempo += key == 'U' ? 5 : -5;
-                    BASS_ChannelSetAttribute(h, BASS_ATTRIB_TEMPO, static_cast<float>(tempo));
+                    effects->applySpeedRatio(static_cast<float>(1 + tempo / 100));
                     note = "tempo " + std::to_string(static_cast<int>(tempo)) + " %";
                     break;
                 case '+': case '-':
                     pitch += key == '+' ? 1 : -1;
-                    BASS_ChannelSetAttribute(h, BASS_ATTRIB_TEMPO_PITCH, static_cast<float>(pitch));
+                    effects->applyPitchSemitones(static_cast<float>(pitch));
                     note = "pitch " + std::to_string(static_cast<int>(pitch)) + " st";
                     break;
                 case 'r':
                     reversed = !reversed;
-                    BASS_ChannelSetAttribute(reverse, BASS_ATTRIB_REVERSE_DIR, reversed ? BASS_FX_RVS_REVERSE : BASS_FX_RVS_FORWARD);
+                    effects->applyReverseEnabled(reversed);
                     note = reversed ? "reverse" : "forward";
                     break;
                 case 'a':
@@ -307,7 +329,6 @@ int main(int argc, char** argv) {
             player->releaseStream();
         }
     }
-    if (opt.device == -2) engine->stop();
-    else BASS_Free();
+    engine->stop();
     return status;
 }

@@ -1,9 +1,11 @@
 // A URL value: a file path or a network address.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <string>
 
-class TavroURL {
+class TAVRO_API TavroURL {
   public:
     TavroURL() = default;
     static TavroURL fileURLWithPath(const std::string& path);

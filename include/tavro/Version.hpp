@@ -1,5 +1,8 @@
 #pragma once
 
-// The library's version number and version string.
-extern const double TavroCoreVersionNumber;
-extern const char* const TavroCoreVersionString;
+#include <tavro/Export.hpp>
+#include <tavro/VersionNumbers.hpp>
+
+// The version of the library loaded at run time.
+extern TAVRO_API const double TavroCoreVersionNumber;
+extern TAVRO_API const char* const TavroCoreVersionString;

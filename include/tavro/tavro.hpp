@@ -5,6 +5,7 @@
 #pragma once
 
 #include <tavro/Version.hpp>
+#include <tavro/VersionNumbers.hpp>
 #include <tavro/analysis/R128Normalizer.hpp>
 #include <tavro/analysis/TavroAnalyzer.hpp>
 #include <tavro/analysis/TavroBPM.hpp>

@@ -10,6 +10,14 @@
 
 #include <stdint.h>
 
+/* The platform library is built with hidden visibility; its C functions are
+ * what it exports. */
+#if defined(__GNUC__)
+#define TAVRO_PLATFORM_API __attribute__((visibility("default")))
+#else
+#define TAVRO_PLATFORM_API
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -418,73 +426,73 @@ typedef struct {
 #define BASS_CTYPE_STREAM_TTA 0x10f00
 
 /* Initialisation and devices */
-BOOL BASS_Init(int device, DWORD freq, DWORD flags, void *win, const void *dsguid);
-BOOL BASS_Free(void);
-BOOL BASS_Start(void);
-BOOL BASS_Stop(void);
-BOOL BASS_Pause(void);
-DWORD BASS_GetVersion(void);
-int BASS_ErrorGetCode(void);
-BOOL BASS_SetConfig(DWORD option, DWORD value);
-DWORD BASS_GetConfig(DWORD option);
-BOOL BASS_SetConfigPtr(DWORD option, const void *value);
-const void *BASS_GetConfigPtr(DWORD option);
-BOOL BASS_GetDeviceInfo(DWORD device, BASS_DEVICEINFO *info);
-BOOL BASS_SetDevice(DWORD device);
-DWORD BASS_GetDevice(void);
-BOOL BASS_GetInfo(BASS_INFO *info);
-float BASS_GetCPU(void);
+TAVRO_PLATFORM_API BOOL BASS_Init(int device, DWORD freq, DWORD flags, void *win, const void *dsguid);
+TAVRO_PLATFORM_API BOOL BASS_Free(void);
+TAVRO_PLATFORM_API BOOL BASS_Start(void);
+TAVRO_PLATFORM_API BOOL BASS_Stop(void);
+TAVRO_PLATFORM_API BOOL BASS_Pause(void);
+TAVRO_PLATFORM_API DWORD BASS_GetVersion(void);
+TAVRO_PLATFORM_API int BASS_ErrorGetCode(void);
+TAVRO_PLATFORM_API BOOL BASS_SetConfig(DWORD option, DWORD value);
+TAVRO_PLATFORM_API DWORD BASS_GetConfig(DWORD option);
+TAVRO_PLATFORM_API BOOL BASS_SetConfigPtr(DWORD option, const void *value);
+TAVRO_PLATFORM_API const void *BASS_GetConfigPtr(DWORD option);
+TAVRO_PLATFORM_API BOOL BASS_GetDeviceInfo(DWORD device, BASS_DEVICEINFO *info);
+TAVRO_PLATFORM_API BOOL BASS_SetDevice(DWORD device);
+TAVRO_PLATFORM_API DWORD BASS_GetDevice(void);
+TAVRO_PLATFORM_API BOOL BASS_GetInfo(BASS_INFO *info);
+TAVRO_PLATFORM_API float BASS_GetCPU(void);
 
 
 /* Plug-ins */
-HPLUGIN BASS_PluginLoad(const char *file, DWORD flags);
-BOOL BASS_PluginFree(HPLUGIN handle);
-const BASS_PLUGININFO *BASS_PluginGetInfo(HPLUGIN handle);
+TAVRO_PLATFORM_API HPLUGIN BASS_PluginLoad(const char *file, DWORD flags);
+TAVRO_PLATFORM_API BOOL BASS_PluginFree(HPLUGIN handle);
+TAVRO_PLATFORM_API const BASS_PLUGININFO *BASS_PluginGetInfo(HPLUGIN handle);
 
 /* Streams */
-HSTREAM BASS_StreamCreateFile(BOOL mem, const void *file, QWORD offset, QWORD length, DWORD flags);
-HSTREAM BASS_StreamCreate(DWORD freq, DWORD chans, DWORD flags, STREAMPROC *proc, void *user);
-DWORD BASS_StreamPutData(HSTREAM handle, const void *buffer, DWORD length);
-BOOL BASS_StreamFree(HSTREAM handle);
+TAVRO_PLATFORM_API HSTREAM BASS_StreamCreateFile(BOOL mem, const void *file, QWORD offset, QWORD length, DWORD flags);
+TAVRO_PLATFORM_API HSTREAM BASS_StreamCreate(DWORD freq, DWORD chans, DWORD flags, STREAMPROC *proc, void *user);
+TAVRO_PLATFORM_API DWORD BASS_StreamPutData(HSTREAM handle, const void *buffer, DWORD length);
+TAVRO_PLATFORM_API BOOL BASS_StreamFree(HSTREAM handle);
 
 /* Tracker modules */
-HMUSIC BASS_MusicLoad(BOOL mem, const void *file, QWORD offset, DWORD length, DWORD flags, DWORD freq);
-BOOL BASS_MusicFree(HMUSIC handle);
+TAVRO_PLATFORM_API HMUSIC BASS_MusicLoad(BOOL mem, const void *file, QWORD offset, DWORD length, DWORD flags, DWORD freq);
+TAVRO_PLATFORM_API BOOL BASS_MusicFree(HMUSIC handle);
 
 /* Channels */
-BOOL BASS_ChannelPlay(DWORD handle, BOOL restart);
-BOOL BASS_ChannelStart(DWORD handle);
-BOOL BASS_ChannelPause(DWORD handle);
-BOOL BASS_ChannelStop(DWORD handle);
-DWORD BASS_ChannelIsActive(DWORD handle);
-BOOL BASS_ChannelFree(DWORD handle);
-BOOL BASS_ChannelGetInfo(DWORD handle, BASS_CHANNELINFO *info);
-DWORD BASS_ChannelFlags(DWORD handle, DWORD flags, DWORD mask);
-QWORD BASS_ChannelGetLength(DWORD handle, DWORD mode);
-QWORD BASS_ChannelGetPosition(DWORD handle, DWORD mode);
-BOOL BASS_ChannelSetPosition(DWORD handle, QWORD pos, DWORD mode);
-double BASS_ChannelBytes2Seconds(DWORD handle, QWORD pos);
-QWORD BASS_ChannelSeconds2Bytes(DWORD handle, double pos);
-BOOL BASS_ChannelSetAttribute(DWORD handle, DWORD attrib, float value);
-BOOL BASS_ChannelGetAttribute(DWORD handle, DWORD attrib, float *value);
-BOOL BASS_ChannelSlideAttribute(DWORD handle, DWORD attrib, float value, DWORD time);
-BOOL BASS_ChannelIsSliding(DWORD handle, DWORD attrib);
-HDSP BASS_ChannelSetDSP(DWORD handle, DSPPROC *proc, void *user, int priority);
-HDSP BASS_ChannelSetDSPEx(DWORD handle, DSPPROC *proc, void *user, int priority, DWORD flags);
-BOOL BASS_ChannelRemoveDSP(DWORD handle, HDSP dsp);
-HFX BASS_ChannelSetFX(DWORD handle, DWORD type, int priority);
-BOOL BASS_ChannelRemoveFX(DWORD handle, HFX fx);
-BOOL BASS_FXSetParameters(HFX handle, const void *params);
-BOOL BASS_FXGetParameters(HFX handle, void *params);
-BOOL BASS_FXSetPriority(HFX handle, int priority);
-BOOL BASS_FXSetBypass(HFX handle, BOOL bypass);
-BOOL BASS_FXReset(DWORD handle);
-HSYNC BASS_ChannelSetSync(DWORD handle, DWORD type, QWORD param, SYNCPROC *proc, void *user);
-BOOL BASS_ChannelRemoveSync(DWORD handle, HSYNC sync);
-DWORD BASS_ChannelGetData(DWORD handle, void *buffer, DWORD length);
-DWORD BASS_ChannelGetLevel(DWORD handle);
-BOOL BASS_ChannelGetLevelEx(DWORD handle, float *levels, float length, DWORD flags);
-const char *BASS_ChannelGetTags(DWORD handle, DWORD tags);
+TAVRO_PLATFORM_API BOOL BASS_ChannelPlay(DWORD handle, BOOL restart);
+TAVRO_PLATFORM_API BOOL BASS_ChannelStart(DWORD handle);
+TAVRO_PLATFORM_API BOOL BASS_ChannelPause(DWORD handle);
+TAVRO_PLATFORM_API BOOL BASS_ChannelStop(DWORD handle);
+TAVRO_PLATFORM_API DWORD BASS_ChannelIsActive(DWORD handle);
+TAVRO_PLATFORM_API BOOL BASS_ChannelFree(DWORD handle);
+TAVRO_PLATFORM_API BOOL BASS_ChannelGetInfo(DWORD handle, BASS_CHANNELINFO *info);
+TAVRO_PLATFORM_API DWORD BASS_ChannelFlags(DWORD handle, DWORD flags, DWORD mask);
+TAVRO_PLATFORM_API QWORD BASS_ChannelGetLength(DWORD handle, DWORD mode);
+TAVRO_PLATFORM_API QWORD BASS_ChannelGetPosition(DWORD handle, DWORD mode);
+TAVRO_PLATFORM_API BOOL BASS_ChannelSetPosition(DWORD handle, QWORD pos, DWORD mode);
+TAVRO_PLATFORM_API double BASS_ChannelBytes2Seconds(DWORD handle, QWORD pos);
+TAVRO_PLATFORM_API QWORD BASS_ChannelSeconds2Bytes(DWORD handle, double pos);
+TAVRO_PLATFORM_API BOOL BASS_ChannelSetAttribute(DWORD handle, DWORD attrib, float value);
+TAVRO_PLATFORM_API BOOL BASS_ChannelGetAttribute(DWORD handle, DWORD attrib, float *value);
+TAVRO_PLATFORM_API BOOL BASS_ChannelSlideAttribute(DWORD handle, DWORD attrib, float value, DWORD time);
+TAVRO_PLATFORM_API BOOL BASS_ChannelIsSliding(DWORD handle, DWORD attrib);
+TAVRO_PLATFORM_API HDSP BASS_ChannelSetDSP(DWORD handle, DSPPROC *proc, void *user, int priority);
+TAVRO_PLATFORM_API HDSP BASS_ChannelSetDSPEx(DWORD handle, DSPPROC *proc, void *user, int priority, DWORD flags);
+TAVRO_PLATFORM_API BOOL BASS_ChannelRemoveDSP(DWORD handle, HDSP dsp);
+TAVRO_PLATFORM_API HFX BASS_ChannelSetFX(DWORD handle, DWORD type, int priority);
+TAVRO_PLATFORM_API BOOL BASS_ChannelRemoveFX(DWORD handle, HFX fx);
+TAVRO_PLATFORM_API BOOL BASS_FXSetParameters(HFX handle, const void *params);
+TAVRO_PLATFORM_API BOOL BASS_FXGetParameters(HFX handle, void *params);
+TAVRO_PLATFORM_API BOOL BASS_FXSetPriority(HFX handle, int priority);
+TAVRO_PLATFORM_API BOOL BASS_FXSetBypass(HFX handle, BOOL bypass);
+TAVRO_PLATFORM_API BOOL BASS_FXReset(DWORD handle);
+TAVRO_PLATFORM_API HSYNC BASS_ChannelSetSync(DWORD handle, DWORD type, QWORD param, SYNCPROC *proc, void *user);
+TAVRO_PLATFORM_API BOOL BASS_ChannelRemoveSync(DWORD handle, HSYNC sync);
+TAVRO_PLATFORM_API DWORD BASS_ChannelGetData(DWORD handle, void *buffer, DWORD length);
+TAVRO_PLATFORM_API DWORD BASS_ChannelGetLevel(DWORD handle);
+TAVRO_PLATFORM_API BOOL BASS_ChannelGetLevelEx(DWORD handle, float *levels, float length, DWORD flags);
+TAVRO_PLATFORM_API const char *BASS_ChannelGetTags(DWORD handle, DWORD tags);
 
 #ifdef __cplusplus
 }

@@ -45,15 +45,15 @@ extern "C" {
 #define BASS_FX_RVS_FORWARD 1
 
 /* Version, same form as BASS_GetVersion */
-DWORD BASS_FX_GetVersion(void);
+TAVRO_PLATFORM_API DWORD BASS_FX_GetVersion(void);
 
 /* Tempo stage */
-HSTREAM BASS_FX_TempoCreate(DWORD chan, DWORD flags);
-DWORD BASS_FX_TempoGetSource(HSTREAM chan);
-float BASS_FX_TempoGetRateRatio(HSTREAM chan);
+TAVRO_PLATFORM_API HSTREAM BASS_FX_TempoCreate(DWORD chan, DWORD flags);
+TAVRO_PLATFORM_API DWORD BASS_FX_TempoGetSource(HSTREAM chan);
+TAVRO_PLATFORM_API float BASS_FX_TempoGetRateRatio(HSTREAM chan);
 
 /* Reverse stage */
-HSTREAM BASS_FX_ReverseCreate(DWORD chan, float dec_block, DWORD flags);
+TAVRO_PLATFORM_API HSTREAM BASS_FX_ReverseCreate(DWORD chan, float dec_block, DWORD flags);
 
 /* Effects of the add-on, installed with BASS_ChannelSetFX */
 #define BASS_FX_BFX_ROTATE 0x10000
@@ -230,15 +230,15 @@ typedef void(BPMPROC)(DWORD chan, float bpm, void* user);
 typedef void(BPMPROGRESSPROC)(DWORD chan, float percent, void* user);
 typedef void(BPMBEATPROC)(DWORD chan, double beatpos, void* user);
 
-float BASS_FX_BPM_DecodeGet(DWORD chan, double startSec, double endSec, DWORD minMaxBPM, DWORD flags,
+TAVRO_PLATFORM_API float BASS_FX_BPM_DecodeGet(DWORD chan, double startSec, double endSec, DWORD minMaxBPM, DWORD flags,
                             BPMPROGRESSPROC* proc, void* user);
-BOOL BASS_FX_BPM_CallbackSet(DWORD handle, BPMPROC* proc, double period, DWORD minMaxBPM, DWORD flags, void* user);
-BOOL BASS_FX_BPM_Free(DWORD handle);
+TAVRO_PLATFORM_API BOOL BASS_FX_BPM_CallbackSet(DWORD handle, BPMPROC* proc, double period, DWORD minMaxBPM, DWORD flags, void* user);
+TAVRO_PLATFORM_API BOOL BASS_FX_BPM_Free(DWORD handle);
 
-BOOL BASS_FX_BPM_BeatDecodeGet(DWORD chan, double startSec, double endSec, DWORD flags, BPMBEATPROC* proc,
+TAVRO_PLATFORM_API BOOL BASS_FX_BPM_BeatDecodeGet(DWORD chan, double startSec, double endSec, DWORD flags, BPMBEATPROC* proc,
                                void* user);
-BOOL BASS_FX_BPM_BeatCallbackSet(DWORD handle, BPMBEATPROC* proc, void* user);
-BOOL BASS_FX_BPM_BeatFree(DWORD handle);
+TAVRO_PLATFORM_API BOOL BASS_FX_BPM_BeatCallbackSet(DWORD handle, BPMBEATPROC* proc, void* user);
+TAVRO_PLATFORM_API BOOL BASS_FX_BPM_BeatFree(DWORD handle);
 
 #ifdef __cplusplus
 }

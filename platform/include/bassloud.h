@@ -38,10 +38,10 @@ typedef DWORD HLOUDNESS;
  * chain. Returns the measurement's handle, or 0 (BASS_ERROR_HANDLE for an
  * unknown channel, BASS_ERROR_ILLPARAM for unknown flags, BASS_ERROR_FORMAT
  * when the channel's format cannot be measured). */
-HLOUDNESS BASS_Loudness_Start(DWORD handle, DWORD flags, int priority);
+TAVRO_PLATFORM_API HLOUDNESS BASS_Loudness_Start(DWORD handle, DWORD flags, int priority);
 /* One reading; BASS_ERROR_NOTAVAIL for a measurement not requested at start. */
-BOOL BASS_Loudness_GetLevel(HLOUDNESS handle, DWORD mode, float* level);
-BOOL BASS_Loudness_Stop(HLOUDNESS handle);
+TAVRO_PLATFORM_API BOOL BASS_Loudness_GetLevel(HLOUDNESS handle, DWORD mode, float* level);
+TAVRO_PLATFORM_API BOOL BASS_Loudness_Stop(HLOUDNESS handle);
 
 #ifdef __cplusplus
 }

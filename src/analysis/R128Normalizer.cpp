@@ -109,12 +109,14 @@ void r128_normalizer_reset(R128NormalizerState* state) {
     if (state) state->resetPending.store(1, std::memory_order_release);
 }
 
+// A non-finite setting is refused: it would pass the clamp and turn every
+// later sample into NaN, past what a reset can recover.
 void r128_normalizer_set_target_lufs(R128NormalizerState* state, double lufs) {
-    if (state) state->targetLufs.store(std::clamp(lufs, -40.0, 0.0), std::memory_order_relaxed);
+    if (state && std::isfinite(lufs)) state->targetLufs.store(std::clamp(lufs, -40.0, 0.0), std::memory_order_relaxed);
 }
 
 void r128_normalizer_set_max_boost_db(R128NormalizerState* state, double db) {
-    if (state) state->maxBoostDb.store(std::clamp(db, 0.0, 24.0), std::memory_order_relaxed);
+    if (state && std::isfinite(db)) state->maxBoostDb.store(std::clamp(db, 0.0, 24.0), std::memory_order_relaxed);
 }
 
 double r128_normalizer_current_gain(const R128NormalizerState* state) {

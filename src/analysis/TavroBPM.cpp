@@ -1,5 +1,7 @@
 #include <tavro/analysis/TavroBPM.hpp>
 
+#include "analysis/BPMProcs.hpp"
+
 #include <tavro/dispatch/TavroConcurrentQueue.hpp>
 #include <tavro/dispatch/TavroMainQueue.hpp>
 #include <tavro/sources/TavroFileSource.hpp>

@@ -3,6 +3,7 @@
 #include <bass.h>
 
 #include <algorithm>
+#include <cmath>
 
 std::shared_ptr<TavroVolumeNormalizer>
 TavroVolumeNormalizer::initWithStream(const std::shared_ptr<TavroStream>& stream) {
@@ -68,11 +69,13 @@ void TavroVolumeNormalizer::setEnabled(bool enabled) {
 }
 
 void TavroVolumeNormalizer::setTargetLufs(float lufs) {
+    if (!std::isfinite(lufs)) return;
     targetLufs_ = lufs;
     r128_normalizer_set_target_lufs(state_.load(std::memory_order_acquire), lufs);
 }
 
 void TavroVolumeNormalizer::setMaxBoostDB(float db) {
+    if (!std::isfinite(db)) return;
     maxBoostDB_ = db;
     r128_normalizer_set_max_boost_db(state_.load(std::memory_order_acquire), db);
 }

@@ -34,11 +34,23 @@ TavroEngine::~TavroEngine() = default;
 
 bool TavroEngine::startWithError(TavroError* error) { return startWithSampleRate(44100, error); }
 
-bool TavroEngine::startWithSampleRate(uint64_t sampleRate, TavroError* error) {
+bool TavroEngine::startWithSampleRate(uint64_t sampleRate, TavroError* error) { return start(-1, sampleRate, error); }
+
+bool TavroEngine::startWithDevice(int64_t device, TavroError* error) { return start(device, 44100, error); }
+
+bool TavroEngine::startWithDevice(int64_t device, uint64_t sampleRate, TavroError* error) {
+    return start(device, sampleRate, error);
+}
+
+bool TavroEngine::start(int64_t device, uint64_t sampleRate, TavroError* error) {
     if (started_) return true;
+    if (device < -1 || device > INT32_MAX) {
+        if (error) *error = TavroError::errorFromBassCode(BASS_ERROR_DEVICE);
+        return false;
+    }
     if (!managesAudioSession_) BASS_SetConfig(BASS_CONFIG_IOS_SESSION, BASS_IOS_SESSION_DISABLE);
     const DWORD flags = voiceProcessingEnabled_ ? BASS_DEVICE_VOICEPROC : 0;
-    if (!BASS_Init(-1, static_cast<DWORD>(sampleRate), flags, nullptr, nullptr)) {
+    if (!BASS_Init(static_cast<int>(device), static_cast<DWORD>(sampleRate), flags, nullptr, nullptr)) {
         if (error) *error = TavroError::currentError();
         return false;
     }
@@ -147,6 +159,11 @@ std::vector<TavroDeviceInfo> TavroEngine::availableOutputDevices() const {
 }
 
 bool TavroEngine::setOutputDevice(int32_t deviceID) { return BASS_SetDevice(static_cast<DWORD>(deviceID)) != 0; }
+
+int32_t TavroEngine::currentOutputDevice() const {
+    const DWORD device = BASS_GetDevice();
+    return device == 0xFFFFFFFF ? -1 : static_cast<int32_t>(device);
+}
 
 // Both procedures run on a platform thread. They read nothing there: the
 // callback is looked up on the main thread at delivery, so one set or cleared

@@ -42,14 +42,14 @@ bool TavroPlayer::loadSource(std::shared_ptr<TavroSource> source, TavroError* er
         flags = TavroSourceFlagFloat | TavroSourceFlagMono | TavroSourceFlag3D;
         options = 0;
     }
-    auto stream = TavroStream::streamWithSource(std::move(source), flags, options, error);
+    // A source may fail without saying why: the caller's object would then
+    // still hold whatever it held before, which must not pass for the cause.
+    TavroError failure;
+    auto stream = TavroStream::streamWithSource(std::move(source), flags, options, error ? &failure : nullptr);
     if (!stream) {
-        if (error) {
-            deliverError(error);
-        } else {
-            const TavroError e = TavroError::errorWithMessage("Failed to create stream");
-            deliverError(&e);
-        }
+        if (!error || failure == TavroError()) failure = TavroError::errorWithMessage("Failed to create stream");
+        if (error) *error = failure;
+        deliverError(&failure);
         return false;
     }
     stream_ = std::move(stream);

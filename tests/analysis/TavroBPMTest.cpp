@@ -3,6 +3,7 @@
 // decoding and playing streams, on synthesised drum tracks whose true tempo
 // and beat times are known.
 #include "DrumTracks.hpp"
+#include "analysis/BPMProcs.hpp"
 #include "MediaFixtures.hpp"
 #include "PlatformFixture.hpp"
 

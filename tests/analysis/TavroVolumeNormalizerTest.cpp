@@ -106,6 +106,11 @@ TEST_F(TavroVolumeNormalizerTest, SettingsAndSeedsReachTheCore) {
     EXPECT_NEAR(n->currentGain(), std::pow(10.0f, 5.0f / 20.0f), 1e-5f);
 
     n->setMaxBoostDB(2.0f);
+    // Non-finite settings are refused; the old ones stay, in the core too.
+    n->setTargetLufs(NAN);
+    n->setMaxBoostDB(INFINITY);
+    EXPECT_EQ(n->targetLufs(), -50.0f);
+    EXPECT_EQ(n->maxBoostDB(), 2.0f);
     n->seedIntegratedLufs(-45.0f);
     n->processInterleaved(block.data(), 64, 2);
     EXPECT_NEAR(n->currentGain(), std::pow(10.0f, 2.0f / 20.0f), 1e-5f);

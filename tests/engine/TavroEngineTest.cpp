@@ -87,6 +87,21 @@ TEST_F(TavroEngineTest, StartFailsWithThePlatformErrorWhenTheOutputIsTaken) {
     EXPECT_EQ(BASS_GetConfig(BASS_CONFIG_FLOATDSP), 0u); // nothing after the failed init ran
 }
 
+TEST_F(TavroEngineTest, StartOnAChosenDeviceAppliesTheSameSettingsAndRefusesUnknownDevices) {
+    TavroError error;
+    EXPECT_FALSE(engine.startWithDevice(999, &error));
+    EXPECT_EQ(error.code(), BASS_ERROR_DEVICE);
+    EXPECT_FALSE(engine.startWithDevice(-2, &error));
+    EXPECT_FALSE(engine.isStarted());
+    EXPECT_EQ(engine.currentOutputDevice(), -1);
+    ASSERT_TRUE(engine.startWithDevice(0, 48000, &error));
+    EXPECT_EQ(engine.currentOutputDevice(), 0); // the no-sound device, whether a server is reachable or not
+    EXPECT_EQ(BASS_GetConfig(BASS_CONFIG_FLOATDSP), 1u);
+    BASS_INFO info{};
+    ASSERT_TRUE(BASS_GetInfo(&info));
+    EXPECT_EQ(info.freq, 48000u);
+}
+
 TEST_F(TavroEngineTest, StopFreesTheOutputAndPluginsAndTheNextStartPushesSettingsAgain) {
     engine.setPlugins({{"bassflac", 7}});
     ASSERT_TRUE(engine.startWithError());

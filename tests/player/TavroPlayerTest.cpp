@@ -93,6 +93,15 @@ TEST_F(TavroPlayerTest, LoadsKeepVolumeAndPanAndFailuresAreDelivered) {
     EXPECT_EQ(e.code(), BASS_ERROR_FILEOPEN);
     ASSERT_TRUE(TavroMainQueue::runUntil([&] { return events.size() == 2; }, 1s));
     EXPECT_EQ(events[1], "error Cannot open file");
+    // A source that fails silently leaves no stale error to report.
+    struct Silent : TavroSource {
+        uint32_t createStreamWithFlags(TavroSourceFlags, TavroError*) override { return 0; }
+        std::string displayName() const override { return "silent"; }
+    };
+    EXPECT_FALSE(p->loadSource(std::make_shared<Silent>(), &e));
+    EXPECT_EQ(e.code(), -1);
+    ASSERT_TRUE(TavroMainQueue::runUntil([&] { return events.size() == 3; }, 1s));
+    EXPECT_EQ(events[2], "error Failed to create stream");
 
     auto includeAll = [&](bool on) {
         p->setIncludesDSP(on), p->setIncludesCrossfeed(on), p->setIncludesVolumeNormalizer(on);

@@ -39,7 +39,7 @@ class TavroStreamTest : public MediaTest {
 } // namespace
 
 TEST_F(TavroStreamTest, ChainsAreStackedAndFreedTogether) {
-    auto plain = TavroStream::streamWithSource(source(), TavroSourceFlagFloat);
+    auto plain = TavroStream::streamWithSource(source(), TavroSourceFlagFloat, 0); // the literal 0 is options
     ASSERT_TRUE(plain);
     EXPECT_EQ(plain->handle(), plain->sourceHandle());
     EXPECT_FALSE(plain->hasFXChain());

@@ -8,19 +8,21 @@
 // destruction must not overlap a processing call on the same state.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <cstdint>
 
 // Opaque to callers; made and released only through the functions below.
 struct R128NormalizerState;
 
-R128NormalizerState* r128_normalizer_create(uint32_t channels, uint64_t maxFrames, double sampleRate);
-void r128_normalizer_destroy(R128NormalizerState* state);
-void r128_normalizer_reset(R128NormalizerState* state);
-void r128_normalizer_set_target_lufs(R128NormalizerState* state, double lufs);
-void r128_normalizer_set_max_boost_db(R128NormalizerState* state, double db);
-double r128_normalizer_current_gain(const R128NormalizerState* state);
-void r128_normalizer_seed_gain(R128NormalizerState* state, double gain);
-void r128_normalizer_seed_integrated_lufs(R128NormalizerState* state, double lufs);
+TAVRO_API R128NormalizerState* r128_normalizer_create(uint32_t channels, uint64_t maxFrames, double sampleRate);
+TAVRO_API void r128_normalizer_destroy(R128NormalizerState* state);
+TAVRO_API void r128_normalizer_reset(R128NormalizerState* state);
+TAVRO_API void r128_normalizer_set_target_lufs(R128NormalizerState* state, double lufs);
+TAVRO_API void r128_normalizer_set_max_boost_db(R128NormalizerState* state, double db);
+TAVRO_API double r128_normalizer_current_gain(const R128NormalizerState* state);
+TAVRO_API void r128_normalizer_seed_gain(R128NormalizerState* state, double gain);
+TAVRO_API void r128_normalizer_seed_integrated_lufs(R128NormalizerState* state, double lufs);
 // Handles at most the state's maxFrames frames of the block; callers split
 // larger blocks.
-void r128_normalizer_process_interleaved(R128NormalizerState* state, float* samples, uint64_t frames);
+TAVRO_API void r128_normalizer_process_interleaved(R128NormalizerState* state, float* samples, uint64_t frames);

@@ -16,6 +16,8 @@
 // run on the main thread, no further callback comes.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dispatch/TavroTimer.hpp>
 #include <tavro/stream/TavroStream.hpp>
 
@@ -25,7 +27,7 @@
 #include <vector>
 
 // One snapshot of the readings.
-class TavroAnalysisFrame {
+class TAVRO_API TavroAnalysisFrame {
   public:
     // FFT magnitudes, fftSize / 2 values.
     const std::vector<float>& spectrum() const { return spectrum_; }
@@ -49,7 +51,7 @@ class TavroAnalysisFrame {
     float peakLeft_ = 0, peakRight_ = 0, rmsLeft_ = 0, rmsRight_ = 0;
 };
 
-class TavroAnalyzer : public std::enable_shared_from_this<TavroAnalyzer> {
+class TAVRO_API TavroAnalyzer : public std::enable_shared_from_this<TavroAnalyzer> {
   public:
     static std::shared_ptr<TavroAnalyzer> initWithStream(const std::shared_ptr<TavroStream>& stream);
     ~TavroAnalyzer();

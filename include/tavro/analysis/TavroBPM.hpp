@@ -12,6 +12,8 @@
 // stopped, the object is destroyed, or setStream moves them to another stream.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/TavroURL.hpp>
 #include <tavro/stream/TavroStream.hpp>
 
@@ -21,7 +23,7 @@
 #include <mutex>
 #include <vector>
 
-class TavroBPM {
+class TAVRO_API TavroBPM {
   public:
     static std::shared_ptr<TavroBPM> initWithStream(const std::shared_ptr<TavroStream>& stream);
     ~TavroBPM();
@@ -47,9 +49,7 @@ class TavroBPM {
     // same settings; those that cannot start there end.
     void setStream(std::weak_ptr<TavroStream> stream);
     bool liveBPMRunning() const { return liveBPMRunning_; }
-    void setLiveBPMRunning(bool v) { liveBPMRunning_ = v; }
     bool beatDetectionRunning() const { return beatDetectionRunning_; }
-    void setBeatDetectionRunning(bool v) { beatDetectionRunning_ = v; }
     const std::function<void(float)>& liveBPMBlock() const { return liveBPMBlock_; }
     void setLiveBPMBlock(std::function<void(float)> block);
     const std::function<void(double)>& beatBlock() const { return beatBlock_; }
@@ -61,13 +61,15 @@ class TavroBPM {
     void stopBeatDetection();
     void stopAll();
 
-    // Hand-over from the platform's callbacks to the main queue.
-    void deliverLiveBPM(float bpm);
-    void deliverBeatAt(double seconds);
 
   private:
     TavroBPM() = default;
     uint32_t handle() const;
+    // Hand-over from the platform's callbacks to the main queue.
+    void deliverLiveBPM(float bpm);
+    void deliverBeatAt(double seconds);
+    friend void TavroLiveBPMProc(uint32_t channel, float bpm, void* user);
+    friend void TavroLiveBeatProc(uint32_t channel, double beatSeconds, void* user);
 
     std::weak_ptr<TavroStream> stream_;
     bool liveBPMRunning_ = false;
@@ -83,8 +85,3 @@ class TavroBPM {
     std::function<void(float)> liveBPMBlock_;
     std::function<void(double)> beatBlock_;
 };
-
-// Callbacks handed to the platform; `user` is the collecting array or the TavroBPM.
-void TavroBeatCollectProc(uint32_t channel, double beatSeconds, void* user);
-void TavroLiveBPMProc(uint32_t channel, float bpm, void* user);
-void TavroLiveBeatProc(uint32_t channel, double beatSeconds, void* user);

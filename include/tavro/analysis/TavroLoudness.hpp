@@ -7,6 +7,8 @@
 // caller's thread and blocks it until the source has been read.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dispatch/TavroTimer.hpp>
 #include <tavro/sources/TavroSource.hpp>
 #include <tavro/stream/TavroStream.hpp>
@@ -17,7 +19,7 @@
 
 // Values exactly as the add-on and the platform report them; see the field
 // notes for what each one is filled from.
-struct TavroLoudnessLevels {
+struct TAVRO_API TavroLoudnessLevels {
     float integratedLUFS = 0;
     float momentaryLUFS = 0;
     // The add-on's range reading (LU); the meter never requests it, so it
@@ -31,7 +33,7 @@ struct TavroLoudnessLevels {
     float samplePeakRight = 0;
 };
 
-class TavroLoudness : public std::enable_shared_from_this<TavroLoudness> {
+class TAVRO_API TavroLoudness : public std::enable_shared_from_this<TavroLoudness> {
   public:
     static std::shared_ptr<TavroLoudness> initWithStream(const std::shared_ptr<TavroStream>& stream);
     ~TavroLoudness();

@@ -11,6 +11,8 @@
 // running) and puts it back afterwards.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/analysis/R128Normalizer.hpp>
 #include <tavro/stream/TavroStream.hpp>
 
@@ -18,7 +20,7 @@
 #include <cstdint>
 #include <memory>
 
-class TavroVolumeNormalizer {
+class TAVRO_API TavroVolumeNormalizer {
   public:
     static std::shared_ptr<TavroVolumeNormalizer> initWithStream(const std::shared_ptr<TavroStream>& stream);
     ~TavroVolumeNormalizer();

@@ -8,12 +8,14 @@
 // the global pool lives until the process ends.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dispatch/TavroTask.hpp>
 
 #include <cstddef>
 #include <memory>
 
-class TavroConcurrentQueue {
+class TAVRO_API TavroConcurrentQueue {
   public:
     explicit TavroConcurrentQueue(size_t threadCount);
     ~TavroConcurrentQueue();

@@ -10,13 +10,15 @@
 // of the due work still queued.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dispatch/TavroTask.hpp>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 
-class TavroMainQueue {
+class TAVRO_API TavroMainQueue {
   public:
     TavroMainQueue() = delete;
 

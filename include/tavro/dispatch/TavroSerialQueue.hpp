@@ -9,12 +9,14 @@
 // finishes on its own).
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dispatch/TavroTask.hpp>
 
 #include <memory>
 #include <string>
 
-class TavroSerialQueue {
+class TAVRO_API TavroSerialQueue {
   public:
     explicit TavroSerialQueue(std::string label = {});
     ~TavroSerialQueue();

@@ -9,6 +9,8 @@
 // stops, and destroying it cancels it.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dispatch/TavroTask.hpp>
 
 #include <atomic>
@@ -17,7 +19,7 @@
 #include <memory>
 #include <mutex>
 
-class TavroTimer : public std::enable_shared_from_this<TavroTimer> {
+class TAVRO_API TavroTimer : public std::enable_shared_from_this<TavroTimer> {
   public:
     // A timer that, once started, first fires after `startDelayNs` and then every
     // `periodNs` (0 = fire once). `leewayNs` is how late a tick may come; ticks

@@ -11,13 +11,15 @@
 // audio thread never waits. The filter's history is kept across level changes.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/stream/TavroStream.hpp>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 
-class TavroCrossfeed {
+class TAVRO_API TavroCrossfeed {
   public:
     static std::shared_ptr<TavroCrossfeed> initWithStream(const std::shared_ptr<TavroStream>& stream);
     ~TavroCrossfeed();

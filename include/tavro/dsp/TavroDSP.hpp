@@ -14,6 +14,8 @@
 // call detach/setTargetChannel from inside a node.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 #include <tavro/stream/TavroStream.hpp>
 
@@ -23,7 +25,7 @@
 #include <mutex>
 #include <vector>
 
-class TavroDSP {
+class TAVRO_API TavroDSP {
   public:
     static std::shared_ptr<TavroDSP> initWithStream(const std::shared_ptr<TavroStream>& stream);
     ~TavroDSP();

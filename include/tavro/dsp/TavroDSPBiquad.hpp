@@ -7,12 +7,14 @@
 // the audio thread; read them elsewhere only while no block runs.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
 #include <cstdint>
 #include <memory>
 
-class TavroDSPBiquad : public TavroDSPNode {
+class TAVRO_API TavroDSPBiquad : public TavroDSPNode {
   public:
     static std::shared_ptr<TavroDSPBiquad> init();
     TavroDSPBiquad() = default;
@@ -68,7 +70,7 @@ class TavroDSPBiquad : public TavroDSPNode {
     uint64_t zChannels_ = 0;
 };
 
-class TavroDSPLowPass final : public TavroDSPBiquad {
+class TAVRO_API TavroDSPLowPass final : public TavroDSPBiquad {
   public:
     static std::shared_ptr<TavroDSPLowPass> init() { return std::make_shared<TavroDSPLowPass>(); }
     TavroDSPNodeKind kind() const override { return TavroDSPNodeKindLowPass; }
@@ -77,7 +79,7 @@ class TavroDSPLowPass final : public TavroDSPBiquad {
     std::shared_ptr<TavroDSPBiquad> makeFresh() const override { return init(); }
 };
 
-class TavroDSPHighPass final : public TavroDSPBiquad {
+class TAVRO_API TavroDSPHighPass final : public TavroDSPBiquad {
   public:
     static std::shared_ptr<TavroDSPHighPass> init() { return std::make_shared<TavroDSPHighPass>(); }
     TavroDSPNodeKind kind() const override { return TavroDSPNodeKindHighPass; }
@@ -87,7 +89,7 @@ class TavroDSPHighPass final : public TavroDSPBiquad {
 };
 
 // Constant 0 dB peak gain.
-class TavroDSPBandPass final : public TavroDSPBiquad {
+class TAVRO_API TavroDSPBandPass final : public TavroDSPBiquad {
   public:
     static std::shared_ptr<TavroDSPBandPass> init() { return std::make_shared<TavroDSPBandPass>(); }
     TavroDSPNodeKind kind() const override { return TavroDSPNodeKindBandPass; }
@@ -96,7 +98,7 @@ class TavroDSPBandPass final : public TavroDSPBiquad {
     std::shared_ptr<TavroDSPBiquad> makeFresh() const override { return init(); }
 };
 
-class TavroDSPNotch final : public TavroDSPBiquad {
+class TAVRO_API TavroDSPNotch final : public TavroDSPBiquad {
   public:
     static std::shared_ptr<TavroDSPNotch> init() { return std::make_shared<TavroDSPNotch>(); }
     TavroDSPNodeKind kind() const override { return TavroDSPNodeKindNotch; }
@@ -105,7 +107,7 @@ class TavroDSPNotch final : public TavroDSPBiquad {
     std::shared_ptr<TavroDSPBiquad> makeFresh() const override { return init(); }
 };
 
-class TavroDSPLowShelf final : public TavroDSPBiquad {
+class TAVRO_API TavroDSPLowShelf final : public TavroDSPBiquad {
   public:
     static std::shared_ptr<TavroDSPLowShelf> init() { return std::make_shared<TavroDSPLowShelf>(); }
     TavroDSPNodeKind kind() const override { return TavroDSPNodeKindLowShelf; }
@@ -114,7 +116,7 @@ class TavroDSPLowShelf final : public TavroDSPBiquad {
     std::shared_ptr<TavroDSPBiquad> makeFresh() const override { return init(); }
 };
 
-class TavroDSPHighShelf final : public TavroDSPBiquad {
+class TAVRO_API TavroDSPHighShelf final : public TavroDSPBiquad {
   public:
     static std::shared_ptr<TavroDSPHighShelf> init() { return std::make_shared<TavroDSPHighShelf>(); }
     TavroDSPNodeKind kind() const override { return TavroDSPNodeKindHighShelf; }
@@ -123,7 +125,7 @@ class TavroDSPHighShelf final : public TavroDSPBiquad {
     std::shared_ptr<TavroDSPBiquad> makeFresh() const override { return init(); }
 };
 
-class TavroDSPPeaking final : public TavroDSPBiquad {
+class TAVRO_API TavroDSPPeaking final : public TavroDSPBiquad {
   public:
     static std::shared_ptr<TavroDSPPeaking> init() { return std::make_shared<TavroDSPPeaking>(); }
     TavroDSPNodeKind kind() const override { return TavroDSPNodeKindPeaking; }

@@ -6,9 +6,11 @@
 // per block. The hold state belongs to the audio thread.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
-class TavroDSPBitCrusher final : public TavroDSPNode {
+class TAVRO_API TavroDSPBitCrusher final : public TavroDSPNode {
   public:
     static std::shared_ptr<TavroDSPBitCrusher> init() { return std::make_shared<TavroDSPBitCrusher>(); }
     TavroDSPBitCrusher() = default;

@@ -14,9 +14,11 @@
 // reference, after the node has left every chain).
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
-class TavroDSPDelay final : public TavroDSPNode {
+class TAVRO_API TavroDSPDelay final : public TavroDSPNode {
   public:
     static constexpr double kMaxDelaySeconds = 10.0;
 

@@ -3,9 +3,11 @@
 // Threading: the node contract of TavroDSPNode; gainDB is read once per block.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
-class TavroDSPGain final : public TavroDSPNode {
+class TAVRO_API TavroDSPGain final : public TavroDSPNode {
   public:
     static std::shared_ptr<TavroDSPGain> init() { return std::make_shared<TavroDSPGain>(); }
     TavroDSPGain() = default;

@@ -7,12 +7,14 @@
 // Threading: pure functions; any thread.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <bit>
 #include <cmath>
 #include <cstdint>
 #include <numbers>
 
-class TavroDSPMath {
+class TAVRO_API TavroDSPMath {
   public:
     TavroDSPMath() = delete;
 

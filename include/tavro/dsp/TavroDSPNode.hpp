@@ -11,6 +11,8 @@
 // source node is processing.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -45,7 +47,7 @@ template <typename T> class TavroDSPParam {
     std::atomic<T> value_;
 };
 
-class TavroDSPNode {
+class TAVRO_API TavroDSPNode {
   public:
     virtual ~TavroDSPNode() = default;
     TavroDSPNode(const TavroDSPNode&) = delete;

@@ -5,9 +5,11 @@
 // per block and mix once per sample.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
-class TavroDSPRingModulator final : public TavroDSPNode {
+class TAVRO_API TavroDSPRingModulator final : public TavroDSPNode {
   public:
     static std::shared_ptr<TavroDSPRingModulator> init() { return std::make_shared<TavroDSPRingModulator>(); }
     TavroDSPRingModulator() = default;

@@ -5,9 +5,11 @@
 // block.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
-class TavroDSPSoftClip final : public TavroDSPNode {
+class TAVRO_API TavroDSPSoftClip final : public TavroDSPNode {
   public:
     static std::shared_ptr<TavroDSPSoftClip> init() { return std::make_shared<TavroDSPSoftClip>(); }
     TavroDSPSoftClip() = default;

@@ -4,9 +4,11 @@
 // Threading: the node contract of TavroDSPNode; width is read once per block.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
-class TavroDSPStereoWidth final : public TavroDSPNode {
+class TAVRO_API TavroDSPStereoWidth final : public TavroDSPNode {
   public:
     static std::shared_ptr<TavroDSPStereoWidth> init() { return std::make_shared<TavroDSPStereoWidth>(); }
     TavroDSPStereoWidth() = default;

@@ -5,9 +5,11 @@
 // depth once per frame. The phase belongs to the audio thread.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/dsp/TavroDSPNode.hpp>
 
-class TavroDSPTremolo final : public TavroDSPNode {
+class TAVRO_API TavroDSPTremolo final : public TavroDSPNode {
   public:
     static std::shared_ptr<TavroDSPTremolo> init() { return std::make_shared<TavroDSPTremolo>(); }
     TavroDSPTremolo() = default;

@@ -4,15 +4,17 @@
 // threads. TavroEffects reads a record once, when it is handed over.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <cstdint>
 
 // The channel selection every extended effect has: a mask of channels, -1 for
 // all of them. It is handed on unchecked (narrowed to 32 bits).
-struct TavroBFXEffectParams {
+struct TAVRO_API TavroBFXEffectParams {
     int64_t channels = -1;
 };
 
-struct TavroFreeverbParams : TavroBFXEffectParams {
+struct TAVRO_API TavroFreeverbParams : TavroBFXEffectParams {
     float dryMix = 0;
     float wetMix = 0;
     float roomSize = 0;
@@ -26,7 +28,7 @@ struct TavroFreeverbParams : TavroBFXEffectParams {
     }
 };
 
-struct TavroBiquadParams : TavroBFXEffectParams {
+struct TAVRO_API TavroBiquadParams : TavroBFXEffectParams {
     int64_t filterType = 0;
     float centerFrequency = 0;
     float gain = 0;
@@ -40,7 +42,7 @@ struct TavroBiquadParams : TavroBFXEffectParams {
     }
 };
 
-struct TavroDampParams : TavroBFXEffectParams {
+struct TAVRO_API TavroDampParams : TavroBFXEffectParams {
     float target = 0;
     float quiet = 0;
     float rate = 0;
@@ -53,7 +55,7 @@ struct TavroDampParams : TavroBFXEffectParams {
     }
 };
 
-struct TavroAutoWahParams : TavroBFXEffectParams {
+struct TAVRO_API TavroAutoWahParams : TavroBFXEffectParams {
     float dryMix = 0;
     float wetMix = 0;
     float feedback = 0;
@@ -67,7 +69,7 @@ struct TavroAutoWahParams : TavroBFXEffectParams {
     }
 };
 
-struct TavroPhaserParams : TavroBFXEffectParams {
+struct TAVRO_API TavroPhaserParams : TavroBFXEffectParams {
     float dryMix = 0;
     float wetMix = 0;
     float feedback = 0;
@@ -81,7 +83,7 @@ struct TavroPhaserParams : TavroBFXEffectParams {
     }
 };
 
-struct TavroCompressor2Params : TavroBFXEffectParams {
+struct TAVRO_API TavroCompressor2Params : TavroBFXEffectParams {
     float gain = 0;
     float threshold = 0;
     float ratio = 0;
@@ -94,7 +96,7 @@ struct TavroCompressor2Params : TavroBFXEffectParams {
     }
 };
 
-struct TavroEcho4Params : TavroBFXEffectParams {
+struct TAVRO_API TavroEcho4Params : TavroBFXEffectParams {
     float dryMix = 0;
     float wetMix = 0;
     float feedback = 0;
@@ -107,7 +109,7 @@ struct TavroEcho4Params : TavroBFXEffectParams {
     }
 };
 
-struct TavroRotateParams : TavroBFXEffectParams {
+struct TAVRO_API TavroRotateParams : TavroBFXEffectParams {
     float rate = 0;
     static TavroRotateParams defaultParams() {
         TavroRotateParams p;
@@ -116,7 +118,7 @@ struct TavroRotateParams : TavroBFXEffectParams {
     }
 };
 
-struct TavroBFXChorusParams : TavroBFXEffectParams {
+struct TAVRO_API TavroBFXChorusParams : TavroBFXEffectParams {
     float dryMix = 0;
     float wetMix = 0;
     float feedback = 0;
@@ -131,7 +133,7 @@ struct TavroBFXChorusParams : TavroBFXEffectParams {
 };
 
 // One point of a volume envelope; not an effect record of its own.
-struct TavroVolumeEnvelopeNode {
+struct TAVRO_API TavroVolumeEnvelopeNode {
     double seconds = 0;
     float value = 0;
     static TavroVolumeEnvelopeNode nodeAtSeconds(double seconds, float value) { return {seconds, value}; }

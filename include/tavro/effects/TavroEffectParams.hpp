@@ -6,12 +6,14 @@
 // changing it afterwards changes nothing until it is handed over again.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <cstdint>
 
 // A plainly constructed record holds 0 and false everywhere; defaultParams()
 // gives the values an effect is normally started with. Nothing is validated
 // here: the platform refuses what it cannot take when the record is applied.
-struct TavroChorusParams {
+struct TAVRO_API TavroChorusParams {
     float wetDryMix = 0;
     float depth = 0;
     float feedback = 0;
@@ -22,7 +24,7 @@ struct TavroChorusParams {
     static TavroChorusParams defaultParams() { return {50, 10, 25, 1.1f, 1, 16, 90}; }
 };
 
-struct TavroFlangerParams {
+struct TAVRO_API TavroFlangerParams {
     float wetDryMix = 0;
     float depth = 0;
     float feedback = 0;
@@ -33,7 +35,7 @@ struct TavroFlangerParams {
     static TavroFlangerParams defaultParams() { return {50, 25, -50, 0.25f, 1, 2, 0}; }
 };
 
-struct TavroCompressorParams {
+struct TAVRO_API TavroCompressorParams {
     float gain = 0;
     float attack = 0;
     float releaseTime = 0;
@@ -43,7 +45,7 @@ struct TavroCompressorParams {
     static TavroCompressorParams defaultParams() { return {0, 10, 200, -20, 3, 4}; }
 };
 
-struct TavroDistortionParams {
+struct TAVRO_API TavroDistortionParams {
     float gain = 0;
     float edge = 0;
     float postEQCenterFrequency = 0;
@@ -52,7 +54,7 @@ struct TavroDistortionParams {
     static TavroDistortionParams defaultParams() { return {-18, 15, 2400, 2400, 8000}; }
 };
 
-struct TavroEchoParams {
+struct TAVRO_API TavroEchoParams {
     float wetDryMix = 0;
     float feedback = 0;
     float leftDelay = 0;
@@ -61,7 +63,7 @@ struct TavroEchoParams {
     static TavroEchoParams defaultParams() { return {50, 50, 500, 500, false}; }
 };
 
-struct TavroReverbParams {
+struct TAVRO_API TavroReverbParams {
     float inGain = 0;
     float reverbMix = 0;
     float reverbTime = 0;
@@ -69,7 +71,7 @@ struct TavroReverbParams {
     static TavroReverbParams defaultParams() { return {0, -10, 1000, 0.5f}; }
 };
 
-struct TavroParamEQBand {
+struct TAVRO_API TavroParamEQBand {
     float centerFrequency = 0;
     float bandwidth = 0; // semitones
     float gain = 0;      // dB
@@ -79,7 +81,7 @@ struct TavroParamEQBand {
 };
 
 // Note the argument order: gain before bandwidth, unlike the parametric band.
-struct TavroGraphicEQBand {
+struct TAVRO_API TavroGraphicEQBand {
     float centerFrequency = 0;
     float gain = 0;      // dB
     float bandwidth = 0; // octaves
@@ -89,7 +91,7 @@ struct TavroGraphicEQBand {
     }
 };
 
-struct TavroReplayGainParams {
+struct TAVRO_API TavroReplayGainParams {
     bool enabled = false;
     float trackGain = 0; // dB
     float albumGain = 0; // dB

@@ -7,6 +7,8 @@
 // mixing thread itself, so no call here waits on audio work.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/effects/TavroBFXEffectParams.hpp>
 #include <tavro/effects/TavroEffectParams.hpp>
 #include <tavro/stream/TavroStream.hpp>
@@ -16,7 +18,7 @@
 #include <memory>
 #include <vector>
 
-class TavroEffects : public std::enable_shared_from_this<TavroEffects> {
+class TAVRO_API TavroEffects : public std::enable_shared_from_this<TavroEffects> {
   public:
     static std::shared_ptr<TavroEffects> initWithStream(const std::shared_ptr<TavroStream>& stream);
 
@@ -25,10 +27,8 @@ class TavroEffects : public std::enable_shared_from_this<TavroEffects> {
     // Key: effect type of a single-instance effect, or 107 + k for band k of
     // the parametric EQ. Value: the effect's handle.
     const std::map<uint32_t, uint32_t>& fxHandles() const { return fxHandles_; }
-    void setFxHandles(std::map<uint32_t, uint32_t> handles) { fxHandles_ = std::move(handles); }
     // The graphic EQ's bands, in band order.
     const std::vector<uint32_t>& bfxHandles() const { return bfxHandles_; }
-    void setBfxHandles(std::vector<uint32_t> handles) { bfxHandles_ = std::move(handles); }
     float pitchSemitones() const { return pitchSemitones_; }
     void setPitchSemitones(float v) { pitchSemitones_ = v; }
     float speedRatio() const { return speedRatio_; }
@@ -37,11 +37,6 @@ class TavroEffects : public std::enable_shared_from_this<TavroEffects> {
     void setReverseEnabled(bool v) { reverseEnabled_ = v; }
     bool bypassed() const { return bypassed_; }
     void setBypassed(bool v) { bypassed_ = v; }
-
-    // Internal: the recorded effect of `type`, installed at `priority` if
-    // there is none yet; 0 on failure.
-    uint32_t ensureFX(uint32_t type, int32_t priority);
-    void removeFX(uint32_t type);
 
     // Single-instance effects: a record installs or updates, null removes.
     bool setChorus(const TavroChorusParams* params);
@@ -83,6 +78,10 @@ class TavroEffects : public std::enable_shared_from_this<TavroEffects> {
     void removeAllEffects();
 
   private:
+    // The recorded effect of `type`, installed at `priority` if there is none
+    // yet; 0 on failure.
+    uint32_t ensureFX(uint32_t type, int32_t priority);
+    void removeFX(uint32_t type);
     uint32_t handle() const;
     bool hasFXChain() const;
     bool hasReverseChain() const;

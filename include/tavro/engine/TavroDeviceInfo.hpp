@@ -4,11 +4,13 @@
 // Threading: a plain value, copied out of the platform; safe anywhere.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <cstdint>
 #include <optional>
 #include <string>
 
-struct TavroDeviceInfo {
+struct TAVRO_API TavroDeviceInfo {
     int32_t deviceID = 0;
     // Empty when the platform gives no name.
     std::string name;

@@ -10,6 +10,8 @@
 // is set when the notification is delivered (not when it was raised).
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/engine/TavroDeviceInfo.hpp>
 #include <tavro/engine/TavroError.hpp>
 
@@ -31,7 +33,7 @@ constexpr TavroSessionOptions TavroSessionOptionAirPlay = 16;
 constexpr TavroSessionOptions TavroSessionOptionBluetoothHFP = 32;
 constexpr TavroSessionOptions TavroSessionOptionBluetoothA2DP = 64;
 
-class TavroEngine {
+class TAVRO_API TavroEngine {
   public:
     // The instance the notification procedures deliver to; made once, on first
     // use, from whichever thread asks first, and kept for the whole process.
@@ -48,6 +50,13 @@ class TavroEngine {
     // Lifecycle.
     bool startWithError(TavroError* error = nullptr);
     bool startWithSampleRate(uint64_t sampleRate, TavroError* error = nullptr);
+    // Starts on a chosen output device: -1 the default (as startWithError),
+    // 0 the no-sound device, n > 0 a deviceID of availableOutputDevices().
+    // The no-sound device needs no sound server and opens no playback stream:
+    // the way to start for decoding, analysis and other offline work. Streams
+    // made for playing still play there, in silence, at the pace of a clock.
+    bool startWithDevice(int64_t device, TavroError* error = nullptr);
+    bool startWithDevice(int64_t device, uint64_t sampleRate, TavroError* error);
     void stop();
     bool isStarted() const { return started_; }
     // After an interruption: true only when started and the output refuses to
@@ -100,6 +109,10 @@ class TavroEngine {
     std::vector<TavroDeviceInfo> availableOutputDevices() const;
     // Selects the device for the calling thread's later platform calls.
     bool setOutputDevice(int32_t deviceID);
+    // The device the calling thread's platform calls go to: the one start
+    // opened (the default may turn out to be the no-sound device when no sound
+    // server is reachable) or the one setOutputDevice selected; -1 when none.
+    int32_t currentOutputDevice() const;
 
     // Callbacks, run on the main thread.
     const std::function<void()>& onAudioInterruptionBegan() const { return onAudioInterruptionBegan_; }
@@ -136,6 +149,8 @@ class TavroEngine {
     static void TavroDeviceNotifyProc(uint32_t notify);
 
   private:
+    bool start(int64_t device, uint64_t sampleRate, TavroError* error);
+
     bool started_ = false;
     bool voiceProcessingEnabled_ = false;
     bool managesAudioSession_ = false;

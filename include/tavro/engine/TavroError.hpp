@@ -7,16 +7,18 @@
 // platform call.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <cstdint>
 #include <map>
 #include <string>
 
 // The domain of every error the library makes: "TavroErrorDomain".
-extern const char* const TavroErrorDomain;
+extern TAVRO_API const char* const TavroErrorDomain;
 // The userInfo key under which an error keeps its description.
-extern const char* const TavroLocalizedDescriptionKey;
+extern TAVRO_API const char* const TavroLocalizedDescriptionKey;
 
-class TavroError {
+class TAVRO_API TavroError {
   public:
     // Same as errorFromBassCode(0): code 0, "OK".
     TavroError();

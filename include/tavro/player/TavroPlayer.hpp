@@ -7,6 +7,8 @@
 // dropped. The player takes no locks.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/analysis/TavroAnalyzer.hpp>
 #include <tavro/analysis/TavroBPM.hpp>
 #include <tavro/analysis/TavroVolumeNormalizer.hpp>
@@ -35,7 +37,7 @@ constexpr TavroPlayerOptions TavroPlayerOptionReverse = 2;
 class TavroPlayer;
 
 // Every operation is optional: the defaults do nothing.
-class TavroPlayerDelegate {
+class TAVRO_API TavroPlayerDelegate {
   public:
     virtual ~TavroPlayerDelegate() = default;
     virtual void bassPlayerDidChangeState(TavroPlayer& player, int64_t state) { (void)player, (void)state; }
@@ -44,7 +46,7 @@ class TavroPlayerDelegate {
     virtual void bassPlayerDidUpdatePosition(TavroPlayer& player, double position) { (void)player, (void)position; }
 };
 
-class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
+class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
   public:
     static std::shared_ptr<TavroPlayer> init();
     static std::shared_ptr<TavroPlayer> initWithSource(std::shared_ptr<TavroSource> source);
@@ -85,9 +87,7 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     const std::shared_ptr<TavroEffects>& effects() const { return effects_; }
     const std::shared_ptr<TavroDSP>& dsp() const { return dsp_; }
     const std::shared_ptr<TavroAnalyzer>& analyzer() const { return analyzer_; }
-    void setAnalyzer(std::shared_ptr<TavroAnalyzer> a) { analyzer_ = std::move(a); }
     const std::shared_ptr<TavroBPM>& bpm() const { return bpm_; }
-    void setBpm(std::shared_ptr<TavroBPM> b) { bpm_ = std::move(b); }
     const std::shared_ptr<TavroCrossfeed>& crossfeed() const { return crossfeed_; }
     const std::shared_ptr<TavroVolumeNormalizer>& volumeNormalizer() const { return volumeNormalizer_; }
     TavroPlayerState state() const { return state_; }
@@ -117,9 +117,6 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     const std::function<void()>& onEnd() const { return onEnd_; }
     const std::function<void(double)>& onProgress() const { return onProgress_; }
 
-    void deliverStateChange();
-    void deliverError(const TavroError* error);
-
     // Progress and fades.
     void beginProgressUpdatesEvery(double interval);
     void endProgressUpdates();
@@ -133,6 +130,9 @@ class TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
   private:
     TavroPlayer() = default;
     void handleEnd();
+    // Reports go out through the main queue, never from inside the call.
+    void deliverStateChange();
+    void deliverError(const TavroError* error);
 
     bool fxChainEnabled_ = true, reverseEnabled_ = false, spatialEnabled_ = false;
     bool includesEffects_ = false, includesDSP_ = false, includes3DSound_ = false, includesAnalyzer_ = false;

@@ -1,12 +1,14 @@
 // A local file: opened as a stream, or as a tracker module when it is one.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/TavroURL.hpp>
 #include <tavro/sources/TavroSource.hpp>
 
 #include <memory>
 
-class TavroFileSource : public TavroSource {
+class TAVRO_API TavroFileSource : public TavroSource {
   public:
     static std::shared_ptr<TavroFileSource> initWithFileURL(const TavroURL& fileURL);
     explicit TavroFileSource(TavroURL fileURL) : fileURL_(std::move(fileURL)) {}

@@ -4,6 +4,8 @@
 // as long as opening takes. Sources hold no locks.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/engine/TavroError.hpp>
 
 #include <cstdint>
@@ -18,7 +20,7 @@ constexpr TavroSourceFlags TavroSourceFlag3D = 16;
 constexpr TavroSourceFlags TavroSourceFlagPrescan = 32;
 constexpr TavroSourceFlags TavroSourceFlagRestrictRate = 64;
 
-class TavroSource {
+class TAVRO_API TavroSource {
   public:
     virtual ~TavroSource() = default;
     // A new channel on every call (the caller owns it), or 0 with the error

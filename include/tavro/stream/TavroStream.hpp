@@ -7,9 +7,12 @@
 // thread, where it reads loopStartBytes and moves the position.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/engine/TavroError.hpp>
 #include <tavro/sources/TavroSource.hpp>
 
+#include <concepts>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -26,12 +29,19 @@ constexpr TavroSeekFlags TavroSeekDecodeTo = 1;
 constexpr TavroSeekFlags TavroSeekScan = 2;
 constexpr TavroSeekFlags TavroSeekFlush = 4;
 
-class TavroStream : public std::enable_shared_from_this<TavroStream> {
+class TAVRO_API TavroStream : public std::enable_shared_from_this<TavroStream> {
   public:
     static std::shared_ptr<TavroStream> streamWithSource(std::shared_ptr<TavroSource> source, TavroSourceFlags flags,
                                                          TavroStreamOptions options, TavroError* error = nullptr);
     static std::shared_ptr<TavroStream> streamWithSource(std::shared_ptr<TavroSource> source, TavroSourceFlags flags,
                                                          TavroError* error = nullptr);
+    // Any integer is taken as options, the literal 0 included, which would
+    // otherwise fit the error pointer just as well.
+    template <std::integral Options>
+    static std::shared_ptr<TavroStream> streamWithSource(std::shared_ptr<TavroSource> source, TavroSourceFlags flags,
+                                                         Options options, TavroError* error = nullptr) {
+        return streamWithSource(std::move(source), flags, static_cast<TavroStreamOptions>(options), error);
+    }
     ~TavroStream();
     TavroStream(const TavroStream&) = delete;
     TavroStream& operator=(const TavroStream&) = delete;

@@ -12,6 +12,8 @@
 // callback already running keeps its registration until it returns.
 #pragma once
 
+#include <tavro/Export.hpp>
+
 #include <tavro/stream/TavroStream.hpp>
 
 #include <cstdint>
@@ -31,13 +33,13 @@ constexpr TavroSyncKind TavroSyncKindFree = 7;
 using TavroSyncBlock = std::function<void(std::shared_ptr<TavroStream> stream, uint64_t data)>;
 
 // One registered sync.
-struct TavroSyncRegistration {
+struct TAVRO_API TavroSyncRegistration {
     std::weak_ptr<TavroStream> stream;
     TavroSyncBlock block;
     uint32_t handle = 0;
 };
 
-class TavroSync {
+class TAVRO_API TavroSync {
   public:
     TavroSync() = delete;
     static uint32_t bassSyncTypeFromKind(TavroSyncKind kind);

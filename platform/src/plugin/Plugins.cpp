@@ -44,8 +44,13 @@ bool isFile(const std::string& p) {
     return stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-// Modules live next to the platform library (or in its plugins folder); a
-// name with a slash is taken as a path.
+// Modules live in their own folder under the folder of the code that holds the
+// platform: the platform library's folder, or for an executable that carries
+// the platform itself, the library folder beside its own (bin/../lib, which is
+// also where the build tree keeps them for the tests). A module beside the
+// library is still taken; last comes the folder the build installs them in,
+// for a statically linked application that lives outside the installation.
+// A name with a slash is taken as a path.
 std::string resolve(const std::string& name) {
     if (name.find('/') != std::string::npos) return isFile(name) ? name : "";
     Dl_info info{};
@@ -56,7 +61,10 @@ std::string resolve(const std::string& name) {
         dir = slash == std::string::npos ? "." : dir.substr(0, slash);
     }
     const std::string file = name.ends_with(".so") ? name : "lib" + name + ".so";
-    for (const std::string& candidate : {dir + "/" + file, dir + "/plugins/" + file, dir + "/tavrocore/" + file})
+    const std::string sub = TAVRO_PLUGIN_SUBDIR "/";
+    for (const std::string& candidate :
+         {dir + "/" + sub + file, dir + "/" TAVRO_LIBDIR_FROM_BINDIR "/" + sub + file, dir + "/" + file,
+          TAVRO_INSTALLED_PLUGIN_DIR "/" + file})
         if (isFile(candidate)) return candidate;
     return "";
 }

@@ -1,6 +1,5 @@
 // File streams and tags.
 #include "file/FileStream.hpp"
-#include "file/OggStream.hpp"
 #include "music/MusicChannel.hpp"
 #include "core/Error.hpp"
 #include "output/Device.hpp"
@@ -15,9 +14,6 @@ HSTREAM BASS_StreamCreateFile(BOOL mem, const void* file, QWORD offset, QWORD le
     if (!file) return failWith<HSTREAM>(BASS_ERROR_FILEOPEN, 0);
     auto input = mem ? MediaInput::openMemory(file, length) : MediaInput::openFile(static_cast<const char*>(file), offset, length);
     if (!input) return 0;
-    bool ogg = false;
-    if (auto os = OggStream::open(input, flags, dev, ogg)) return succeedWith(Handles::add(os));
-    if (ogg) return 0;
     auto fs = FileStream::open(std::move(input), flags, dev);
     if (!fs) return 0;
     return succeedWith(Handles::add(fs));
@@ -28,9 +24,6 @@ const char* BASS_ChannelGetTags(DWORD handle, DWORD tags) {
     if (!obj || obj->objectKind() != ObjectKind::Channel) return failWith<const char*>(BASS_ERROR_HANDLE, nullptr);
     if (auto fs = std::dynamic_pointer_cast<FileStream>(obj)) {
         if (const char* t = fs->tags(tags)) return succeedWith(t);
-    }
-    if (auto os = std::dynamic_pointer_cast<OggStream>(obj)) {
-        if (const char* t = os->tags(tags)) return succeedWith(t);
     }
     if (auto mc = std::dynamic_pointer_cast<MusicChannel>(obj)) {
         if (const char* t = mc->tags(tags)) return succeedWith(t);

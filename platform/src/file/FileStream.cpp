@@ -125,6 +125,89 @@ std::string apeTags(MediaInput& in, bool hasId3v1) {
     return out;
 }
 
+// Ogg Vorbis and Opus: the links of a chained file (streams one after the
+// other, each with its own headers, rate and channels) and their length. The
+// demuxer reads on through the links but times every one as if it were the
+// first, so its duration is only the last link's; here each link is counted
+// from its own last granule position, less the Opus pre-skip.
+struct OggLinks {
+    int count = 0;
+    int64_t frames = -1; // all links at the given rate; -1 when one cannot be measured
+};
+
+OggLinks oggLinks(MediaInput& in, int rate) {
+    OggLinks out;
+    struct Link {
+        uint32_t serial = 0;
+        int rate = 0;
+        int64_t preSkip = 0, last = -1;
+    } cur;
+    bool open = false, measured = true, groupHasAudio = false, prevBos = false;
+    int64_t total = 0;
+    auto close = [&] {
+        if (!open) return;
+        const int64_t n = cur.last < 0 ? -1 : av_rescale(std::max<int64_t>(0, cur.last - cur.preSkip), rate, cur.rate);
+        // Beyond any real length (a damaged granule position): counted by decoding instead.
+        if (n < 0 || n > (int64_t(1) << 48) - total) measured = false;
+        else total += n;
+        open = false;
+    };
+    constexpr size_t kChunk = 64 * 1024, kMaxHeader = 27 + 255 + 19; // a page header and an identification header
+    std::vector<uint8_t> buf;
+    int64_t bufAt = 0, pos = 0;
+    while (pos < in.size()) {
+        if (pos < bufAt || pos + static_cast<int64_t>(kMaxHeader) > bufAt + static_cast<int64_t>(buf.size())) {
+            buf = in.readAt(pos, kChunk);
+            bufAt = pos;
+            if (buf.size() < 27) break;
+        }
+        const uint8_t* p = buf.data() + (pos - bufAt);
+        const size_t avail = buf.size() - static_cast<size_t>(pos - bufAt);
+        if (std::memcmp(p, "OggS", 4) != 0) {
+            // Lost sync (damage, or junk between links): on at the next capture pattern.
+            const uint8_t* end = buf.data() + buf.size();
+            const uint8_t* next = std::search(p + 1, end, "OggS", "OggS" + 4);
+            pos = next == end ? bufAt + static_cast<int64_t>(buf.size()) - 3 : bufAt + (next - buf.data());
+            continue;
+        }
+        const size_t segs = p[26];
+        if (avail < 27 + segs) break; // a page header cut off by the end of the file
+        size_t body = 0;
+        for (size_t i = 0; i < segs; ++i) body += p[27 + i];
+        const uint8_t flags = p[5];
+        int64_t granule = 0;
+        for (int i = 7; i >= 0; --i) granule = granule << 8 | p[6 + i];
+        const uint32_t serial = le32(p + 14);
+        const uint8_t* b = p + 27 + segs;
+        const size_t have = std::min(body, avail - 27 - segs);
+        if (flags & 0x02) { // beginning of a stream: its identification header starts the body
+            if (!prevBos) groupHasAudio = false; // a new group of streams: the next link
+            int linkRate = 0;
+            int64_t preSkip = 0;
+            if (have >= 16 && b[0] == 1 && std::memcmp(b + 1, "vorbis", 6) == 0) {
+                linkRate = static_cast<int>(le32(b + 12));
+            } else if (have >= 19 && std::memcmp(b, "OpusHead", 8) == 0) {
+                linkRate = 48000; // Opus always decodes at 48 kHz
+                preSkip = b[10] | b[11] << 8;
+            }
+            if (linkRate > 0 && !groupHasAudio) {
+                groupHasAudio = true;
+                close();
+                cur = Link{serial, linkRate, preSkip, -1};
+                open = true;
+                ++out.count;
+            }
+        } else if (open && serial == cur.serial && granule >= 0) {
+            cur.last = granule;
+        }
+        prevBos = flags & 0x02;
+        pos += static_cast<int64_t>(27 + segs + body);
+    }
+    close();
+    if (measured && out.count > 0) out.frames = total;
+    return out;
+}
+
 } // namespace
 
 struct Decoder {
@@ -145,6 +228,10 @@ struct Decoder {
     int rate = 0, outChans = 0;
     int64_t firstPts = AV_NOPTS_VALUE;
     bool draining = false;
+    // A chained Ogg file: timestamps restart with every link, so positions are
+    // only known by counting from the start.
+    bool chained = false;
+    bool ogg = false; // Ogg Vorbis or Opus
     Family family;
     DWORD origres = 0;
     HPLUGIN plugin = 0;
@@ -185,11 +272,44 @@ struct Decoder {
     void rewind() {
         if (firstPacketPos >= 0 && rawFrames())
             av_seek_frame(fmt, stream, firstPacketPos, AVSEEK_FLAG_BYTE);
-        else
+        else if (!ogg)
             av_seek_frame(fmt, stream, firstPacketTs != AV_NOPTS_VALUE ? std::min(firstPacketTs, streamStart()) : streamStart(),
                           AVSEEK_FLAG_BACKWARD);
+        else if (!reopen())
+            return;
         if (!openCodec() && codec) avcodec_flush_buffers(codec);
         draining = false;
+    }
+
+    // A timestamp seek that goes back at least to `ts`.
+    void seekBefore(int64_t ts) {
+        if (ogg && !reopen()) return;
+        av_seek_frame(fmt, stream, std::max(ts, streamStart()), AVSEEK_FLAG_BACKWARD);
+    }
+
+    // The Ogg demuxer, once it has read the last page, stamps the packets
+    // after a seek with wrong timestamps; and in a chained file a timestamp
+    // seek can land in any link. A demuxer opened afresh stands at the first page and
+    // seeks right. Without a demuxer the stream ends (no decoder).
+    bool reopen() {
+        const AVInputFormat* f = fmt->iformat;
+        const int64_t start = streamStart();
+        avformat_close_input(&fmt);
+        AVIOContext* pb = input->avio();
+        fmt = avformat_alloc_context();
+        if (fmt && pb && avio_seek(pb, 0, SEEK_SET) == 0) {
+            fmt->pb = pb;
+            fmt->flags |= AVFMT_FLAG_CUSTOM_IO;
+            if (avformat_open_input(&fmt, nullptr, f, nullptr) < 0) fmt = nullptr; // freed by the failed open
+            else if (stream < static_cast<int>(fmt->nb_streams) && fmt->streams[stream]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
+                // Measured once, at open: the fresh demuxer has not looked for it.
+                fmt->streams[stream]->start_time = start;
+                return true;
+            }
+        }
+        if (fmt) avformat_close_input(&fmt);
+        avcodec_free_context(&codec);
+        return false;
     }
 
     ~Decoder() {
@@ -212,8 +332,9 @@ struct Decoder {
             end = le32(sd->data + 4);
             marked = start > 0;
         }
-        if (!atStart) start = 0;
-        else if (!marked) start = static_cast<uint32_t>(std::max(0, fmt->streams[stream]->codecpar->initial_padding));
+        if (!atStart) {
+            if (!(chained && marked)) start = 0; // each link of a chained file has a pre-skip of its own
+        } else if (!marked) start = static_cast<uint32_t>(std::max(0, fmt->streams[stream]->codecpar->initial_padding));
     }
 
     // Makes the converter fit this frame: its own layout, rate and sample
@@ -337,6 +458,17 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
     // one is (it cuts codec padding that the container trims, as in MP4).
     const bool estimated = d.fmt->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE || d.family.mpegAudio ||
                            d.family.ctype == BASS_CTYPE_STREAM_AAC || d.family.ctype == BASS_CTYPE_STREAM_AC3;
+    if (formatIs(d.fmt->iformat, "ogg") && (s->codecpar->codec_id == AV_CODEC_ID_VORBIS || s->codecpar->codec_id == AV_CODEC_ID_OPUS)) {
+        d.ogg = true;
+        const OggLinks links = oggLinks(*d.input, d.rate);
+        if (links.count > 1) {
+            d.chained = true;
+            len = links.frames;
+        } else if (len > 0) {
+            // The last granule position counts the Opus pre-skip too.
+            len = std::max<int64_t>(0, len - std::max(0, s->codecpar->initial_padding));
+        }
+    }
     if (!estimated) fs->containerLength_ = len;
     fs->length_.store(len);
     const bool pcm = formatIs(d.fmt->iformat, "wav") || formatIs(d.fmt->iformat, "aiff");
@@ -359,7 +491,9 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
     }
     if (auto ape = apeTags(in, id3v1); !ape.empty()) fs->tags_[BASS_TAG_APE] = ape;
     const AVInputFormat* f = d.fmt->iformat;
-    std::string block = tagBlock(d.fmt->metadata, s->metadata);
+    if (!d.fmt) return failWith<Result>(BASS_ERROR_FILEFORM, nullptr); // lost in the prescan
+    // The prescan may have opened the demuxer again: not `s`.
+    std::string block = tagBlock(d.fmt->metadata, d.fmt->streams[d.stream]->metadata);
     if (!block.empty()) {
         if (formatIs(f, "ogg") || formatIs(f, "flac")) fs->tags_[BASS_TAG_OGG] = block;
         else if (formatIs(f, "mp4")) fs->tags_[BASS_TAG_MP4] = block;
@@ -404,6 +538,8 @@ bool FileStream::decodeFrame() {
             if (!knowPosition_) {
                 if (ts != AV_NOPTS_VALUE) {
                     const int64_t idx = av_rescale_q(ts - d.firstPts, d.tb, AVRational{1, d.rate});
+                    // Landed on the first packet: what lies before the start is its pre-skip.
+                    if (idx < 0) skipStart = std::max(skipStart, static_cast<uint32_t>(std::min<int64_t>(-idx, n)));
                     nextSample_ = static_cast<uint64_t>(std::max<int64_t>(0, idx));
                     // Landed after the target: the container's seek was coarse, go further back.
                     if (nextSample_ > discardUntil_ && d.seekRetries < 6) {
@@ -411,7 +547,8 @@ bool FileStream::decodeFrame() {
                         const int64_t back = av_rescale_q(static_cast<int64_t>(d.rate) << d.seekRetries, AVRational{1, d.rate}, d.tb);
                         const int64_t target = d.firstPts + av_rescale_q(static_cast<int64_t>(discardUntil_), AVRational{1, d.rate}, d.tb) - back;
                         av_frame_unref(d.frame);
-                        av_seek_frame(d.fmt, d.stream, std::max(target, d.streamStart()), AVSEEK_FLAG_BACKWARD);
+                        d.seekBefore(target);
+                        if (!d.codec) return false;
                         avcodec_flush_buffers(d.codec);
                         d.draining = false;
                         continue;
@@ -507,6 +644,7 @@ size_t FileStream::produce(float* out, size_t frames) {
 bool FileStream::scan() {
     Decoder& d = *dec_;
     d.rewind();
+    if (!d.codec) return false;
     d.index.clear();
     uint64_t count = 0;
     for (;;) {
@@ -539,6 +677,7 @@ bool FileStream::scan() {
 
 void FileStream::restartAt(uint64_t frame) {
     Decoder& d = *dec_;
+    if (!d.codec) return; // a decoder that could not be made again: the stream stays ended
     const uint64_t target = frame;
     pending_.clear();
     pendingPos_ = 0;
@@ -565,6 +704,7 @@ void FileStream::restartAt(uint64_t frame) {
             return;
         }
     }
+    if (d.chained) frame = 0; // a link's timestamps say nothing about where it is in the file
     if (frame == 0) {
         d.rewind();
         discardUntil_ = target;
@@ -581,8 +721,8 @@ void FileStream::restartAt(uint64_t frame) {
     const bool pcm = formatIs(d.fmt->iformat, "wav") || formatIs(d.fmt->iformat, "aiff");
     const int64_t preroll = pcm ? 0 : std::max<int64_t>(st->codecpar->seek_preroll, d.rate / 10);
     ts -= av_rescale_q(preroll, AVRational{1, d.rate}, d.tb);
-    av_seek_frame(d.fmt, d.stream, std::max(ts, d.streamStart()), AVSEEK_FLAG_BACKWARD);
-    avcodec_flush_buffers(d.codec);
+    d.seekBefore(ts);
+    if (d.codec) avcodec_flush_buffers(d.codec);
     knowPosition_ = false;
     // MPEG audio timestamps after a seek are estimated from the byte position.
     d.exact = !d.rawFrames();

@@ -1,18 +1,19 @@
-// Parameter records of the standard effects, the two kinds of equaliser band
-// and replay gain.
-//
-// Threading: plain values with no shared state; copy them freely between
-// threads. TavroEffects reads a record once, when it is handed over, so
-// changing it afterwards changes nothing until it is handed over again.
+/// @file
+/// Parameter records of the standard effects, the two kinds of equaliser band
+/// and replay gain.
+///
+/// Threading: plain values with no shared state; copy them freely between
+/// threads. TavroEffects reads a record once, when it is handed over, so
+/// changing it afterwards changes nothing until it is handed over again.
 #pragma once
 
 #include <tavro/Export.hpp>
 
 #include <cstdint>
 
-// A plainly constructed record holds 0 and false everywhere; defaultParams()
-// gives the values an effect is normally started with. Nothing is validated
-// here: the platform refuses what it cannot take when the record is applied.
+/// A plainly constructed record holds 0 and false everywhere; defaultParams()
+/// gives the values an effect is normally started with. Nothing is validated
+/// here: the platform refuses what it cannot take when the record is applied.
 struct TAVRO_API TavroChorusParams {
     float wetDryMix = 0;
     float depth = 0;
@@ -80,7 +81,7 @@ struct TAVRO_API TavroParamEQBand {
     }
 };
 
-// Note the argument order: gain before bandwidth, unlike the parametric band.
+/// Note the argument order: gain before bandwidth, unlike the parametric band.
 struct TAVRO_API TavroGraphicEQBand {
     float centerFrequency = 0;
     float gain = 0;      // dB

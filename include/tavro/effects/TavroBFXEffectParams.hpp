@@ -101,7 +101,7 @@ struct TAVRO_API TavroEcho4Params : TavroBFXEffectParams {
     float dryMix = 0;
     float wetMix = 0;
     float feedback = 0;
-    float delay = 0; // seconds
+    float delay = 0; ///< seconds
     bool stereo = false;
     static TavroEcho4Params defaultParams() {
         TavroEcho4Params p;

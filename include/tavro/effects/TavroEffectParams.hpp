@@ -21,7 +21,7 @@ struct TAVRO_API TavroChorusParams {
     float frequency = 0;
     int32_t waveform = 0;
     float delay = 0;
-    int32_t phase = 0; // degrees
+    int32_t phase = 0; ///< degrees
     static TavroChorusParams defaultParams() { return {50, 10, 25, 1.1f, 1, 16, 90}; }
 };
 
@@ -32,7 +32,7 @@ struct TAVRO_API TavroFlangerParams {
     float frequency = 0;
     int32_t waveform = 0;
     float delay = 0;
-    int32_t phase = 0; // degrees
+    int32_t phase = 0; ///< degrees
     static TavroFlangerParams defaultParams() { return {50, 25, -50, 0.25f, 1, 2, 0}; }
 };
 
@@ -74,8 +74,8 @@ struct TAVRO_API TavroReverbParams {
 
 struct TAVRO_API TavroParamEQBand {
     float centerFrequency = 0;
-    float bandwidth = 0; // semitones
-    float gain = 0;      // dB
+    float bandwidth = 0; ///< semitones
+    float gain = 0;      ///< dB
     static TavroParamEQBand bandWithCenter(float center, float bandwidth, float gain) {
         return {center, bandwidth, gain};
     }
@@ -84,8 +84,8 @@ struct TAVRO_API TavroParamEQBand {
 /// Note the argument order: gain before bandwidth, unlike the parametric band.
 struct TAVRO_API TavroGraphicEQBand {
     float centerFrequency = 0;
-    float gain = 0;      // dB
-    float bandwidth = 0; // octaves
+    float gain = 0;      ///< dB
+    float bandwidth = 0; ///< octaves
     float q = 0;
     static TavroGraphicEQBand bandWithCenter(float center, float gain, float bandwidth, float q) {
         return {center, gain, bandwidth, q};
@@ -94,10 +94,10 @@ struct TAVRO_API TavroGraphicEQBand {
 
 struct TAVRO_API TavroReplayGainParams {
     bool enabled = false;
-    float trackGain = 0; // dB
-    float albumGain = 0; // dB
+    float trackGain = 0; ///< dB
+    float albumGain = 0; ///< dB
     bool useAlbumGain = false;
-    float preAmp = 0; // dB
+    float preAmp = 0; ///< dB
     bool clipProtection = false;
     static TavroReplayGainParams defaultParams() {
         TavroReplayGainParams p;

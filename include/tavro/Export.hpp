@@ -1,5 +1,6 @@
-// The library is built with hidden visibility: what applications may call is
-// marked with TAVRO_API, and everything else stays inside the library.
+/// @file
+/// The library is built with hidden visibility: what applications may call is
+/// marked with TAVRO_API, and everything else stays inside the library.
 #pragma once
 
 #if defined(__GNUC__)

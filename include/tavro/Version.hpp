@@ -3,6 +3,8 @@
 #include <tavro/Export.hpp>
 #include <tavro/VersionNumbers.hpp>
 
-// The version of the library loaded at run time.
+/// @name The version of the library loaded at run time
+/// @{
 extern TAVRO_API const double TavroCoreVersionNumber;
 extern TAVRO_API const char* const TavroCoreVersionString;
+/// @}

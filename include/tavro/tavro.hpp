@@ -1,7 +1,8 @@
-// Everything the library offers, in one include.
-//
-// Threading: see each header; in short, call the library from the main thread
-// and receive its events there, through the main queue.
+/// @file
+/// Everything the library offers, in one include.
+///
+/// Threading: see each header; in short, call the library from the main thread
+/// and receive its events there, through the main queue.
 #pragma once
 
 #include <tavro/Version.hpp>

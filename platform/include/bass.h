@@ -1,4 +1,5 @@
-/* Audio platform API: devices, channels, streams, DSP and syncs.
+/** @file
+ * Audio platform API: devices, channels, streams, DSP and syncs.
  *
  * A C interface implemented in C++ by the platform library (libtavroplatform).
  * Every call sets the calling thread's error code; BASS_ErrorGetCode() reads it.
@@ -43,10 +44,11 @@ typedef DWORD HPLUGIN;
 typedef DWORD HRECORD;
 
 #define BASSVERSION 0x204
-/* 2.4.17.0 */
+/** 2.4.17.0 */
 #define BASSVERSION_FULL 0x02041100
 
-/* Error codes */
+/** @name Error codes */
+/** @{ */
 #define BASS_OK 0
 #define BASS_ERROR_MEM 1
 #define BASS_ERROR_FILEOPEN 2
@@ -89,8 +91,10 @@ typedef DWORD HRECORD;
 #define BASS_ERROR_PROTOCOL 48
 #define BASS_ERROR_DENIED 49
 #define BASS_ERROR_UNKNOWN -1
+/** @} */
 
-/* Configuration options */
+/** @name Configuration options */
+/** @{ */
 #define BASS_CONFIG_BUFFER 0
 #define BASS_CONFIG_UPDATEPERIOD 1
 #define BASS_CONFIG_GVOL_SAMPLE 4
@@ -112,8 +116,10 @@ typedef DWORD HRECORD;
 #define BASS_CONFIG_IOS_NOTIFY 46
 #define BASS_CONFIG_NET_PLAYLIST_DEPTH 59
 #define BASS_CONFIG_DOWNMIX 80
+/** @} */
 
-/* Audio-session options (BASS_CONFIG_IOS_SESSION) */
+/** @name Audio-session options (BASS_CONFIG_IOS_SESSION) */
+/** @{ */
 #define BASS_IOS_SESSION_MIX 1
 #define BASS_IOS_SESSION_DUCK 2
 #define BASS_IOS_SESSION_AMBIENT 4
@@ -123,30 +129,37 @@ typedef DWORD HRECORD;
 #define BASS_IOS_SESSION_AIRPLAY 64
 #define BASS_IOS_SESSION_BTHFP 128
 #define BASS_IOS_SESSION_BTA2DP 256
+/** @} */
 
-/* Audio-session notifications (BASS_CONFIG_IOS_NOTIFY) */
+/** @name Audio-session notifications (BASS_CONFIG_IOS_NOTIFY) */
+/** @{ */
 #define BASS_IOSNOTIFY_INTERRUPT 1
 #define BASS_IOSNOTIFY_INTERRUPT_END 2
 typedef void(IOSNOTIFYPROC)(DWORD status);
+/** @} */
 
-/* Device-change notifications (BASS_CONFIG_DEV_NOTIFY) */
+/** @name Device-change notifications (BASS_CONFIG_DEV_NOTIFY) */
+/** @{ */
 #define BASS_DEVNOTIFY_ADDED 1
 #define BASS_DEVNOTIFY_REMOVED 2
 #define BASS_DEVNOTIFY_DEFAULT 3
 #define BASS_DEVNOTIFY_FAILED 4
 typedef void(DEVNOTIFYPROC)(DWORD notify);
+/** @} */
 
-/* BASS_Init flags */
+/** @name BASS_Init flags */
+/** @{ */
 #define BASS_DEVICE_8BITS 1
 #define BASS_DEVICE_MONO 2
 #define BASS_DEVICE_16BITS 8
 #define BASS_DEVICE_STEREO 0x8000
 #define BASS_DEVICE_VOICEPROC 0x200000
+/** @} */
 
-/* Device information */
+/** Device information */
 typedef struct {
-    const char *name;   /* description */
-    const char *driver; /* driver / server-side name */
+    const char *name;   /**< description */
+    const char *driver; /**< driver / server-side name */
     DWORD flags;
 } BASS_DEVICEINFO;
 
@@ -159,15 +172,16 @@ typedef struct {
     DWORD flags;
     DWORD hwsize, hwfree, freesam, free3d, minrate, maxrate;
     BOOL eax;
-    DWORD minbuf; /* minimum buffer length in ms */
+    DWORD minbuf; /**< minimum buffer length in ms */
     DWORD dsver;
-    DWORD latency; /* output latency in ms */
+    DWORD latency; /**< output latency in ms */
     DWORD initflags;
     DWORD speakers;
-    DWORD freq; /* output rate */
+    DWORD freq; /**< output rate */
 } BASS_INFO;
 
-/* Sample / stream / music flags */
+/** @name Sample / stream / music flags */
+/** @{ */
 #define BASS_SAMPLE_8BITS 1
 #define BASS_SAMPLE_MONO 2
 #define BASS_SAMPLE_LOOP 4
@@ -175,6 +189,7 @@ typedef struct {
 #define BASS_SAMPLE_SOFTWARE 0x10
 #define BASS_SAMPLE_FLOAT 256
 #define BASS_SAMPLE_OVER_POS 0x20000
+/** @} */
 
 #define BASS_STREAM_PRESCAN 0x20000
 #define BASS_STREAM_AUTOFREE 0x40000
@@ -187,13 +202,13 @@ typedef struct {
 #define BASS_MUSIC_PRESCAN 0x20000
 #define BASS_MUSIC_AUTOFREE BASS_STREAM_AUTOFREE
 
-/* Channel information */
+/** Channel information */
 typedef struct {
     DWORD freq;
     DWORD chans;
     DWORD flags;
     DWORD ctype;
-    DWORD origres; /* resolution of the original data in bits, 0 = unknown */
+    DWORD origres; /**< resolution of the original data in bits, 0 = unknown */
     HPLUGIN plugin;
     HSAMPLE sample;
     const char *filename;
@@ -224,14 +239,17 @@ typedef struct {
 #define BASS_CTYPE_MUSIC_IT 0x20004
 #define BASS_CTYPE_MUSIC_MO3 0x00100
 
-/* Stream procedures */
+/** @name Stream procedures */
+/** @{ */
 typedef DWORD(STREAMPROC)(HSTREAM handle, void *buffer, DWORD length, void *user);
 #define BASS_STREAMPROC_END 0x80000000
 #define STREAMPROC_DUMMY ((STREAMPROC *)0)
 #define STREAMPROC_PUSH ((STREAMPROC *)-1)
 #define STREAMPROC_DEVICE ((STREAMPROC *)-2)
+/** @} */
 
-/* Positions */
+/** @name Positions */
+/** @{ */
 #define BASS_POS_BYTE 0
 #define BASS_POS_MUSIC_ORDER 1
 #define BASS_POS_OGG 3
@@ -244,23 +262,29 @@ typedef DWORD(STREAMPROC)(HSTREAM handle, void *buffer, DWORD length, void *user
 #define BASS_POS_DECODE 0x10000000
 #define BASS_POS_DECODETO 0x20000000
 #define BASS_POS_SCAN 0x40000000
+/** @} */
 
-/* Channel states (BASS_ChannelIsActive) */
+/** @name Channel states (BASS_ChannelIsActive) */
+/** @{ */
 #define BASS_ACTIVE_STOPPED 0
 #define BASS_ACTIVE_PLAYING 1
 #define BASS_ACTIVE_STALLED 2
 #define BASS_ACTIVE_PAUSED 3
 #define BASS_ACTIVE_PAUSED_DEVICE 4
+/** @} */
 
-/* Attributes */
+/** @name Attributes */
+/** @{ */
 #define BASS_ATTRIB_FREQ 1
 #define BASS_ATTRIB_VOL 2
 #define BASS_ATTRIB_PAN 3
 #define BASS_ATTRIB_NOBUFFER 5
 #define BASS_ATTRIB_SRC 8
 #define BASS_SLIDE_LOG 0x1000000
+/** @} */
 
-/* Sync types */
+/** @name Sync types */
+/** @{ */
 #define BASS_SYNC_POS 0
 #define BASS_SYNC_END 2
 #define BASS_SYNC_META 4
@@ -273,16 +297,20 @@ typedef DWORD(STREAMPROC)(HSTREAM handle, void *buffer, DWORD length, void *user
 #define BASS_SYNC_MIXTIME 0x40000000
 #define BASS_SYNC_ONETIME 0x80000000
 typedef void(SYNCPROC)(HSYNC handle, DWORD channel, DWORD data, void *user);
+/** @} */
 
-/* DSP */
+/** @name DSP */
+/** @{ */
 typedef void(DSPPROC)(HDSP handle, DWORD channel, void *buffer, DWORD length, void *user);
 #define BASS_DSP_READONLY 1
 #define BASS_DSP_FLOAT 2
 #define BASS_DSP_BYPASS 0x400000
-/* Process channel n alone (1 = the first); the block holds that channel only. */
+/** Process channel n alone (1 = the first); the block holds that channel only. */
 #define BASS_DSP_MONO_N(n) ((DWORD)(n) << 24)
+/** @} */
 
-/* Effects of the channel's DSP chain (BASS_ChannelSetFX); ranges in docs/platform-decisions.md */
+/** @name Effects of the channel's DSP chain (BASS_ChannelSetFX); ranges in docs/platform-decisions.md */
+/** @{ */
 #define BASS_FX_DX8_CHORUS 0
 #define BASS_FX_DX8_COMPRESSOR 1
 #define BASS_FX_DX8_DISTORTION 2
@@ -290,6 +318,7 @@ typedef void(DSPPROC)(HDSP handle, DWORD channel, void *buffer, DWORD length, vo
 #define BASS_FX_DX8_FLANGER 4
 #define BASS_FX_DX8_PARAMEQ 7
 #define BASS_FX_DX8_REVERB 8
+/** @} */
 
 #define BASS_DX8_PHASE_NEG_180 0
 #define BASS_DX8_PHASE_NEG_90 1
@@ -302,7 +331,7 @@ typedef struct {
     float fDepth;
     float fFeedback;
     float fFrequency;
-    DWORD lWaveform; /* 0 = triangle, 1 = sine */
+    DWORD lWaveform; /**< 0 = triangle, 1 = sine */
     float fDelay;
     DWORD lPhase;
 } BASS_DX8_CHORUS;
@@ -344,18 +373,19 @@ typedef struct {
 
 typedef struct {
     float fCenter;
-    float fBandwidth; /* semitones */
-    float fGain;      /* dB */
+    float fBandwidth; /**< semitones */
+    float fGain;      /**< dB */
 } BASS_DX8_PARAMEQ;
 
 typedef struct {
-    float fInGain;          /* dB */
-    float fReverbMix;       /* dB */
-    float fReverbTime;      /* ms */
+    float fInGain;          /**< dB */
+    float fReverbMix;       /**< dB */
+    float fReverbTime;      /**< ms */
     float fHighFreqRTRatio;
 } BASS_DX8_REVERB;
 
-/* Data */
+/** @name Data */
+/** @{ */
 #define BASS_DATA_AVAILABLE 0
 #define BASS_DATA_NOREMOVE 0x10000000
 #define BASS_DATA_FIXED 0x20000000
@@ -371,44 +401,50 @@ typedef struct {
 #define BASS_DATA_FFT_NOWINDOW 0x20
 #define BASS_DATA_FFT_REMOVEDC 0x40
 #define BASS_DATA_FFT_COMPLEX 0x80
+/** @} */
 
-/* Levels */
+/** @name Levels */
+/** @{ */
 #define BASS_LEVEL_MONO 1
 #define BASS_LEVEL_STEREO 2
 #define BASS_LEVEL_RMS 4
 #define BASS_LEVEL_VOLPAN 8
 #define BASS_LEVEL_NOREMOVE 16
+/** @} */
 
-/* Plug-ins */
+/** Plug-ins */
 typedef struct {
-    DWORD ctype;      /* channel type */
-    const char *name; /* format description */
-    const char *exts; /* file extension filter (*.ext1;*.ext2;...) */
+    DWORD ctype;      /**< channel type */
+    const char *name; /**< format description */
+    const char *exts; /**< file extension filter (*.ext1;*.ext2;...) */
 } BASS_PLUGINFORM;
 
 typedef struct {
-    DWORD version;                 /* version (same form as BASS_GetVersion) */
-    DWORD formatc;                 /* number of formats */
+    DWORD version;                 /**< version (same form as BASS_GetVersion) */
+    DWORD formatc;                 /**< number of formats */
     const BASS_PLUGINFORM *formats;
 } BASS_PLUGININFO;
 
-/* Tags (BASS_ChannelGetTags) */
-#define BASS_TAG_ID3 0        /* ID3v1: the raw 128-byte record */
-#define BASS_TAG_ID3V2 1      /* ID3v2: the raw tag block */
-#define BASS_TAG_OGG 2        /* Vorbis comments: "key=value" strings */
+/** @name Tags (BASS_ChannelGetTags) */
+/** @{ */
+#define BASS_TAG_ID3 0        /**< ID3v1: the raw 128-byte record */
+#define BASS_TAG_ID3V2 1      /**< ID3v2: the raw tag block */
+#define BASS_TAG_OGG 2        /**< Vorbis comments: "key=value" strings */
 #define BASS_TAG_HTTP 3
 #define BASS_TAG_ICY 4
 #define BASS_TAG_META 5
-#define BASS_TAG_APE 6        /* APE tag: "key=value" strings */
-#define BASS_TAG_MP4 7        /* MP4/iTunes metadata: "key=value" strings */
-#define BASS_TAG_RIFF_INFO 0x100 /* RIFF INFO chunk: "key=value" strings */
-#define BASS_TAG_MUSIC_NAME 0x10000    /* module title */
-#define BASS_TAG_MUSIC_MESSAGE 0x10001 /* module message (song text) */
-#define BASS_TAG_MUSIC_AUTH 0x10003    /* module author */
-#define BASS_TAG_MUSIC_INST 0x10100    /* + n: name of instrument n (0 = first) */
-#define BASS_TAG_MUSIC_SAMPLE 0x10300  /* + n: name of sample n (0 = first) */
+#define BASS_TAG_APE 6        /**< APE tag: "key=value" strings */
+#define BASS_TAG_MP4 7        /**< MP4/iTunes metadata: "key=value" strings */
+#define BASS_TAG_RIFF_INFO 0x100 /**< RIFF INFO chunk: "key=value" strings */
+#define BASS_TAG_MUSIC_NAME 0x10000    /**< module title */
+#define BASS_TAG_MUSIC_MESSAGE 0x10001 /**< module message (song text) */
+#define BASS_TAG_MUSIC_AUTH 0x10003    /**< module author */
+#define BASS_TAG_MUSIC_INST 0x10100    /**< + n: name of instrument n (0 = first) */
+#define BASS_TAG_MUSIC_SAMPLE 0x10300  /**< + n: name of sample n (0 = first) */
+/** @} */
 
-/* Further channel types of the built-in formats and plug-ins */
+/** @name Further channel types of the built-in formats and plug-ins */
+/** @{ */
 #define BASS_CTYPE_STREAM_MP4 0x10b01
 #define BASS_CTYPE_STREAM_AAC 0x10b00
 #define BASS_CTYPE_STREAM_ALAC 0x10e00
@@ -424,8 +460,10 @@ typedef struct {
 #define BASS_CTYPE_STREAM_MIDI 0x10d00
 #define BASS_CTYPE_STREAM_MPC 0x10a00
 #define BASS_CTYPE_STREAM_TTA 0x10f00
+/** @} */
 
-/* Initialisation and devices */
+/** @name Initialisation and devices */
+/** @{ */
 TAVRO_PLATFORM_API BOOL BASS_Init(int device, DWORD freq, DWORD flags, void *win, const void *dsguid);
 TAVRO_PLATFORM_API BOOL BASS_Free(void);
 TAVRO_PLATFORM_API BOOL BASS_Start(void);
@@ -442,24 +480,32 @@ TAVRO_PLATFORM_API BOOL BASS_SetDevice(DWORD device);
 TAVRO_PLATFORM_API DWORD BASS_GetDevice(void);
 TAVRO_PLATFORM_API BOOL BASS_GetInfo(BASS_INFO *info);
 TAVRO_PLATFORM_API float BASS_GetCPU(void);
+/** @} */
 
 
-/* Plug-ins */
+/** @name Plug-ins */
+/** @{ */
 TAVRO_PLATFORM_API HPLUGIN BASS_PluginLoad(const char *file, DWORD flags);
 TAVRO_PLATFORM_API BOOL BASS_PluginFree(HPLUGIN handle);
 TAVRO_PLATFORM_API const BASS_PLUGININFO *BASS_PluginGetInfo(HPLUGIN handle);
+/** @} */
 
-/* Streams */
+/** @name Streams */
+/** @{ */
 TAVRO_PLATFORM_API HSTREAM BASS_StreamCreateFile(BOOL mem, const void *file, QWORD offset, QWORD length, DWORD flags);
 TAVRO_PLATFORM_API HSTREAM BASS_StreamCreate(DWORD freq, DWORD chans, DWORD flags, STREAMPROC *proc, void *user);
 TAVRO_PLATFORM_API DWORD BASS_StreamPutData(HSTREAM handle, const void *buffer, DWORD length);
 TAVRO_PLATFORM_API BOOL BASS_StreamFree(HSTREAM handle);
+/** @} */
 
-/* Tracker modules */
+/** @name Tracker modules */
+/** @{ */
 TAVRO_PLATFORM_API HMUSIC BASS_MusicLoad(BOOL mem, const void *file, QWORD offset, DWORD length, DWORD flags, DWORD freq);
 TAVRO_PLATFORM_API BOOL BASS_MusicFree(HMUSIC handle);
+/** @} */
 
-/* Channels */
+/** @name Channels */
+/** @{ */
 TAVRO_PLATFORM_API BOOL BASS_ChannelPlay(DWORD handle, BOOL restart);
 TAVRO_PLATFORM_API BOOL BASS_ChannelStart(DWORD handle);
 TAVRO_PLATFORM_API BOOL BASS_ChannelPause(DWORD handle);
@@ -493,6 +539,7 @@ TAVRO_PLATFORM_API DWORD BASS_ChannelGetData(DWORD handle, void *buffer, DWORD l
 TAVRO_PLATFORM_API DWORD BASS_ChannelGetLevel(DWORD handle);
 TAVRO_PLATFORM_API BOOL BASS_ChannelGetLevelEx(DWORD handle, float *levels, float length, DWORD flags);
 TAVRO_PLATFORM_API const char *BASS_ChannelGetTags(DWORD handle, DWORD tags);
+/** @} */
 
 #ifdef __cplusplus
 }

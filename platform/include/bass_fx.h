@@ -1,4 +1,5 @@
-/* Audio platform API, effects add-on: tempo and reverse stages.
+/** @file
+ * Audio platform API, effects add-on: tempo and reverse stages.
  *
  * Threading contract: every function may be called from any thread. The
  * attributes of a tempo or reverse stream (BASS_ChannelSetAttribute) are
@@ -18,44 +19,55 @@ extern "C" {
 #endif
 
 /* Creation flags */
-#define BASS_FX_FREESOURCE 0x10000 /* freeing the stage frees its source */
+#define BASS_FX_FREESOURCE 0x10000 /**< freeing the stage frees its source */
 
-/* Tempo stage: interpolation of the rate transposer */
+/** @name Tempo stage: interpolation of the rate transposer */
+/** @{ */
 #define BASS_FX_TEMPO_ALGO_LINEAR 0x200
-#define BASS_FX_TEMPO_ALGO_CUBIC 0x400 /* the default */
+#define BASS_FX_TEMPO_ALGO_CUBIC 0x400 /**< the default */
 #define BASS_FX_TEMPO_ALGO_SHANNON 0x800
+/** @} */
 
-/* Tempo stage attributes */
-#define BASS_ATTRIB_TEMPO 0x10000       /* tempo change in percent, -95..5000, 0 = normal */
-#define BASS_ATTRIB_TEMPO_PITCH 0x10001 /* pitch change in semitones, -60..60 */
-#define BASS_ATTRIB_TEMPO_FREQ 0x10002  /* source rate seen by the transposer, Hz (0 = the source's) */
+/** @name Tempo stage attributes */
+/** @{ */
+#define BASS_ATTRIB_TEMPO 0x10000       /**< tempo change in percent, -95..5000, 0 = normal */
+#define BASS_ATTRIB_TEMPO_PITCH 0x10001 /**< pitch change in semitones, -60..60 */
+#define BASS_ATTRIB_TEMPO_FREQ 0x10002  /**< source rate seen by the transposer, Hz (0 = the source's) */
+/** @} */
 
-/* Tempo stage processing options */
-#define BASS_ATTRIB_TEMPO_OPTION_USE_AA_FILTER 0x10010    /* 0 or 1 (default 1) */
-#define BASS_ATTRIB_TEMPO_OPTION_AA_FILTER_LENGTH 0x10011 /* taps, 8..128, multiple of 8 (default 64) */
-#define BASS_ATTRIB_TEMPO_OPTION_USE_QUICKALGO 0x10012    /* 0 or 1 (default 0) */
-#define BASS_ATTRIB_TEMPO_OPTION_SEQUENCE_MS 0x10013      /* 0 = automatic (default), else 1..250 */
-#define BASS_ATTRIB_TEMPO_OPTION_SEEKWINDOW_MS 0x10014    /* 0 = automatic (default), else 1..100 */
-#define BASS_ATTRIB_TEMPO_OPTION_OVERLAP_MS 0x10015       /* 1..50 (default 8) */
-#define BASS_ATTRIB_TEMPO_OPTION_PREVENT_CLICK 0x10016    /* 0 or 1 (default 0) */
+/** @name Tempo stage processing options */
+/** @{ */
+#define BASS_ATTRIB_TEMPO_OPTION_USE_AA_FILTER 0x10010    /**< 0 or 1 (default 1) */
+#define BASS_ATTRIB_TEMPO_OPTION_AA_FILTER_LENGTH 0x10011 /**< taps, 8..128, multiple of 8 (default 64) */
+#define BASS_ATTRIB_TEMPO_OPTION_USE_QUICKALGO 0x10012    /**< 0 or 1 (default 0) */
+#define BASS_ATTRIB_TEMPO_OPTION_SEQUENCE_MS 0x10013      /**< 0 = automatic (default), else 1..250 */
+#define BASS_ATTRIB_TEMPO_OPTION_SEEKWINDOW_MS 0x10014    /**< 0 = automatic (default), else 1..100 */
+#define BASS_ATTRIB_TEMPO_OPTION_OVERLAP_MS 0x10015       /**< 1..50 (default 8) */
+#define BASS_ATTRIB_TEMPO_OPTION_PREVENT_CLICK 0x10016    /**< 0 or 1 (default 0) */
+/** @} */
 
-/* Reverse stage attribute and its values */
+/** @name Reverse stage attribute and its values */
+/** @{ */
 #define BASS_ATTRIB_REVERSE_DIR 0x11000
 #define BASS_FX_RVS_REVERSE -1
 #define BASS_FX_RVS_FORWARD 1
+/** @} */
 
-/* Version, same form as BASS_GetVersion */
+/** Version, same form as BASS_GetVersion */
 TAVRO_PLATFORM_API DWORD BASS_FX_GetVersion(void);
 
-/* Tempo stage */
+/** @name Tempo stage */
+/** @{ */
 TAVRO_PLATFORM_API HSTREAM BASS_FX_TempoCreate(DWORD chan, DWORD flags);
 TAVRO_PLATFORM_API DWORD BASS_FX_TempoGetSource(HSTREAM chan);
 TAVRO_PLATFORM_API float BASS_FX_TempoGetRateRatio(HSTREAM chan);
+/** @} */
 
-/* Reverse stage */
+/** Reverse stage */
 TAVRO_PLATFORM_API HSTREAM BASS_FX_ReverseCreate(DWORD chan, float dec_block, DWORD flags);
 
-/* Effects of the add-on, installed with BASS_ChannelSetFX */
+/** @name Effects of the add-on, installed with BASS_ChannelSetFX */
+/** @{ */
 #define BASS_FX_BFX_ROTATE 0x10000
 #define BASS_FX_BFX_PEAKEQ 0x10004
 #define BASS_FX_BFX_DAMP 0x10008
@@ -67,8 +79,11 @@ TAVRO_PLATFORM_API HSTREAM BASS_FX_ReverseCreate(DWORD chan, float dec_block, DW
 #define BASS_FX_BFX_BQF 0x10013
 #define BASS_FX_BFX_ECHO4 0x10014
 #define BASS_FX_BFX_FREEVERB 0x10016
+/** @} */
 
-/* lChannel: a mask of channels, bit n = channel n + 1 */
+/** @name Channel masks
+ * lChannel: a mask of channels, bit n = channel n + 1. */
+/** @{ */
 #define BASS_BFX_CHANALL -1
 #define BASS_BFX_CHANNONE 0
 #define BASS_BFX_CHAN1 1
@@ -80,6 +95,7 @@ TAVRO_PLATFORM_API HSTREAM BASS_FX_ReverseCreate(DWORD chan, float dec_block, DW
 #define BASS_BFX_CHAN7 64
 #define BASS_BFX_CHAN8 128
 #define BASS_BFX_CHANNEL_N(n) (1 << ((n) - 1))
+/** @} */
 
 typedef struct {
     float fRate;
@@ -88,10 +104,10 @@ typedef struct {
 
 typedef struct {
     int lBand;
-    float fBandwidth; /* octaves; used when fQ is 0 */
+    float fBandwidth; /**< octaves; used when fQ is 0 */
     float fQ;
     float fCenter;
-    float fGain; /* dB */
+    float fGain; /**< dB */
     int lChannel;
 } BASS_BFX_PEAKEQ;
 
@@ -136,7 +152,7 @@ typedef struct {
 } BASS_BFX_COMPRESSOR2;
 
 typedef struct {
-    double pos; /* seconds */
+    double pos; /**< seconds */
     float val;
 } BASS_BFX_ENV_NODE;
 
@@ -149,8 +165,8 @@ typedef struct {
 
 #define BASS_BFX_BQF_LOWPASS 0
 #define BASS_BFX_BQF_HIGHPASS 1
-#define BASS_BFX_BQF_BANDPASS 2   /* constant skirt gain */
-#define BASS_BFX_BQF_BANDPASS_Q 3 /* constant 0 dB peak gain */
+#define BASS_BFX_BQF_BANDPASS 2   /**< constant skirt gain */
+#define BASS_BFX_BQF_BANDPASS_Q 3 /**< constant 0 dB peak gain */
 #define BASS_BFX_BQF_NOTCH 4
 #define BASS_BFX_BQF_ALLPASS 5
 #define BASS_BFX_BQF_PEAKINGEQ 6
@@ -161,9 +177,9 @@ typedef struct {
     int lFilter;
     float fCenter;
     float fGain;
-    float fBandwidth; /* octaves; used when fQ is 0 */
+    float fBandwidth; /**< octaves; used when fQ is 0 */
     float fQ;
-    float fS; /* shelf slope */
+    float fS; /**< shelf slope */
     int lChannel;
 } BASS_BFX_BQF;
 
@@ -171,7 +187,7 @@ typedef struct {
     float fDryMix;
     float fWetMix;
     float fFeedback;
-    float fDelay; /* seconds */
+    float fDelay; /**< seconds */
     BOOL bStereo;
     int lChannel;
 } BASS_BFX_ECHO4;
@@ -188,7 +204,7 @@ typedef struct {
     int lChannel;
 } BASS_BFX_FREEVERB;
 
-/* Tempo and beat analysis.
+/** @name Tempo and beat analysis
  *
  * The search range of a tempo analysis is one word: low 16 bits the lowest
  * BPM, high 16 bits the highest; both must lie in 20..400 with low <= high.
@@ -225,6 +241,7 @@ typedef struct {
  * still waits for it. The Free calls must not be made from the channel's own
  * DSP or mixtime syncs, which may hold up a running callback.
  */
+/** @{ */
 
 typedef void(BPMPROC)(DWORD chan, float bpm, void* user);
 typedef void(BPMPROGRESSPROC)(DWORD chan, float percent, void* user);
@@ -239,6 +256,7 @@ TAVRO_PLATFORM_API BOOL BASS_FX_BPM_BeatDecodeGet(DWORD chan, double startSec, d
                                void* user);
 TAVRO_PLATFORM_API BOOL BASS_FX_BPM_BeatCallbackSet(DWORD handle, BPMBEATPROC* proc, void* user);
 TAVRO_PLATFORM_API BOOL BASS_FX_BPM_BeatFree(DWORD handle);
+/** @} */
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,5 @@
-/* Loudness measurement add-on: EBU R 128 readings of a channel's audio, taken
+/** @file
+ * Loudness measurement add-on: EBU R 128 readings of a channel's audio, taken
  * by an entry in the channel's DSP chain.
  *
  * Threading: any thread may start, read and stop a measurement. The readings
@@ -25,21 +26,24 @@ extern "C" {
 
 typedef DWORD HLOUDNESS;
 
-/* Measurements (flags of BASS_Loudness_Start, modes of BASS_Loudness_GetLevel).
+/** @name Measurements
+ * Flags of BASS_Loudness_Start, modes of BASS_Loudness_GetLevel.
  * The current loudness is always measured; its window is the momentary 400 ms
  * unless the upper 16 bits of the flags give another length in milliseconds. */
+/** @{ */
 #define BASS_LOUDNESS_CURRENT 0
 #define BASS_LOUDNESS_INTEGRATED 1
 #define BASS_LOUDNESS_RANGE 2
 #define BASS_LOUDNESS_PEAK 4
 #define BASS_LOUDNESS_TRUEPEAK 8
+/** @} */
 
-/* Starts measuring `handle` from its next block, at `priority` in its DSP
+/** Starts measuring `handle` from its next block, at `priority` in its DSP
  * chain. Returns the measurement's handle, or 0 (BASS_ERROR_HANDLE for an
  * unknown channel, BASS_ERROR_ILLPARAM for unknown flags, BASS_ERROR_FORMAT
  * when the channel's format cannot be measured). */
 TAVRO_PLATFORM_API HLOUDNESS BASS_Loudness_Start(DWORD handle, DWORD flags, int priority);
-/* One reading; BASS_ERROR_NOTAVAIL for a measurement not requested at start. */
+/** One reading; BASS_ERROR_NOTAVAIL for a measurement not requested at start. */
 TAVRO_PLATFORM_API BOOL BASS_Loudness_GetLevel(HLOUDNESS handle, DWORD mode, float* level);
 TAVRO_PLATFORM_API BOOL BASS_Loudness_Stop(HLOUDNESS handle);
 

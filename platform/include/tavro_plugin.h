@@ -1,4 +1,5 @@
-/* The interface between the platform and its format plug-in modules.
+/** @file
+ * The interface between the platform and its format plug-in modules.
  *
  * A module is a shared library that exports tavro_plugin_entry(). The
  * platform loads it with BASS_PluginLoad and asks it which format families it
@@ -16,9 +17,9 @@ extern "C" {
 #define TAVRO_PLUGIN_ABI 1
 
 typedef struct {
-    DWORD abi;                    /* TAVRO_PLUGIN_ABI */
-    BASS_PLUGININFO info;         /* what BASS_PluginGetInfo reports */
-    const char *const *families;  /* format families added, NULL-terminated:
+    DWORD abi;                    /**< TAVRO_PLUGIN_ABI */
+    BASS_PLUGININFO info;         /**< what BASS_PluginGetInfo reports */
+    const char *const *families;  /**< format families added, NULL-terminated:
                                      "flac", "wavpack", "opus", "dsd", "ape", "webm",
                                      "hls", "midi", "mpc", "tta" */
 } TAVRO_PLUGIN;

@@ -1,10 +1,11 @@
-// Loudness meter on a playing stream (through the loudness add-on), and an
-// offline integrated-loudness scan of a whole source.
-//
-// Threading: a meter belongs to one application thread (the main thread in
-// practice); it holds no lock. Monitoring delivers on the main queue, one
-// firing at a time, holding the meter only weakly. The scan runs on the
-// caller's thread and blocks it until the source has been read.
+/// @file
+/// Loudness meter on a playing stream (through the loudness add-on), and an
+/// offline integrated-loudness scan of a whole source.
+///
+/// Threading: a meter belongs to one application thread (the main thread in
+/// practice); it holds no lock. Monitoring delivers on the main queue, one
+/// firing at a time, holding the meter only weakly. The scan runs on the
+/// caller's thread and blocks it until the source has been read.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -17,19 +18,19 @@
 #include <functional>
 #include <memory>
 
-// Values exactly as the add-on and the platform report them; see the field
-// notes for what each one is filled from.
+/// Values exactly as the add-on and the platform report them; see the field
+/// notes for what each one is filled from.
 struct TAVRO_API TavroLoudnessLevels {
     float integratedLUFS = 0;
     float momentaryLUFS = 0;
-    // The add-on's range reading (LU); the meter never requests it, so it
-    // stays 0 unless the platform grants it anyway.
+    /// The add-on's range reading (LU); the meter never requests it, so it
+    /// stays 0 unless the platform grants it anyway.
     float shortTermLUFS = 0;
     float truePeakDB = 0;
-    // The left RMS level of the last 50 ms when that can be read, else the
-    // add-on's sample peak.
+    /// The left RMS level of the last 50 ms when that can be read, else the
+    /// add-on's sample peak.
     float samplePeakLeft = 0;
-    // The right RMS level of the last 50 ms.
+    /// The right RMS level of the last 50 ms.
     float samplePeakRight = 0;
 };
 
@@ -51,11 +52,14 @@ class TAVRO_API TavroLoudness : public std::enable_shared_from_this<TavroLoudnes
     void startMonitoringWithInterval(double interval, std::function<void(const TavroLoudnessLevels&)> block);
     void stopMonitoring();
 
-    // Integrated loudness in LUFS of the whole source (or of its first
-    // maxDuration seconds when that is positive), or NaN.
+    /// @name Offline integrated loudness
+    /// Integrated loudness in LUFS of the whole source (or of its first maxDuration seconds when that is
+    /// positive), or NaN.
+    /// @{
     static double scanIntegratedLoudnessForSource(const std::shared_ptr<TavroSource>& source);
     static double scanIntegratedLoudnessForSource(const std::shared_ptr<TavroSource>& source,
                                                   double maxDuration);
+    /// @}
 
   private:
     TavroLoudness() = default;

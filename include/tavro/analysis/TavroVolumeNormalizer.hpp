@@ -1,14 +1,15 @@
-// Automatic loudness normaliser on a stream: the normaliser core run from a
-// platform DSP at priority 1000, ahead of every other processing stage.
-//
-// Threading: every operation except processInterleaved and the DSP procedure
-// belongs to one application thread (the main thread in practice). The DSP
-// procedure runs on the platform thread that renders or decodes the stream.
-// Settings, seeds and reset reach it through the core's atomics and request
-// flags, so the audio thread never waits. The one thing the audio thread
-// cannot be handed safely is a replaced core state: ensureState() takes the
-// DSP off the channel for the swap (removal returns only once no call can be
-// running) and puts it back afterwards.
+/// @file
+/// Automatic loudness normaliser on a stream: the normaliser core run from a
+/// platform DSP at priority 1000, ahead of every other processing stage.
+///
+/// Threading: every operation except processInterleaved and the DSP procedure
+/// belongs to one application thread (the main thread in practice). The DSP
+/// procedure runs on the platform thread that renders or decodes the stream.
+/// Settings, seeds and reset reach it through the core's atomics and request
+/// flags, so the audio thread never waits. The one thing the audio thread
+/// cannot be handed safely is a replaced core state: ensureState() takes the
+/// DSP off the channel for the swap (removal returns only once no call can be
+/// running) and puts it back afterwards.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -47,12 +48,15 @@ class TAVRO_API TavroVolumeNormalizer {
     void seedGain(float gain);
     void seedIntegratedLufs(float lufs);
 
-    // Audio thread (or any single thread while the stream is not rendering).
+    /// @name Audio thread
+    /// Called on the audio thread (or on any single thread while the stream is not rendering).
+    /// @{
     void processInterleaved(float* samples, uint64_t frames, uint64_t channels);
     static void TavroNormalizerDSP(uint32_t handle, uint32_t channel, void* buffer, uint32_t length,
                                    void* user);
+    /// @}
 
-    // The core's block limit; DSP blocks are split into chunks of this size.
+    /// The core's block limit; DSP blocks are split into chunks of this size.
     static constexpr uint64_t kChunkFrames = 8192;
 
   private:

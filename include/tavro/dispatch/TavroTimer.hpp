@@ -1,12 +1,13 @@
-// A repeating timer whose handler runs on the main queue.
-//
-// Threading: create, start and cancel from any thread; the handler always runs
-// on the main thread. When cancel() returns on the main thread (including from
-// inside the handler) no further tick runs. From another thread, cancel()
-// stops every tick not yet begun; a tick already running finishes.
-//
-// Ticks hold only a weak reference: a timer whose last owner lets go simply
-// stops, and destroying it cancels it.
+/// @file
+/// A repeating timer whose handler runs on the main queue.
+///
+/// Threading: create, start and cancel from any thread; the handler always runs
+/// on the main thread. When cancel() returns on the main thread (including from
+/// inside the handler) no further tick runs. From another thread, cancel()
+/// stops every tick not yet begun; a tick already running finishes.
+///
+/// Ticks hold only a weak reference: a timer whose last owner lets go simply
+/// stops, and destroying it cancels it.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -21,23 +22,23 @@
 
 class TAVRO_API TavroTimer : public std::enable_shared_from_this<TavroTimer> {
   public:
-    // A timer that, once started, first fires after `startDelayNs` and then every
-    // `periodNs` (0 = fire once). `leewayNs` is how late a tick may come; ticks
-    // are never early. The timer owns `handler` until it is cancelled.
+    /// A timer that, once started, first fires after `startDelayNs` and then every
+    /// `periodNs` (0 = fire once). `leewayNs` is how late a tick may come; ticks
+    /// are never early. The timer owns `handler` until it is cancelled.
     static std::shared_ptr<TavroTimer> create(uint64_t startDelayNs, uint64_t periodNs, uint64_t leewayNs,
                                               TavroTask handler);
-    // The periodic reporting timer: every `seconds` (converted to whole
-    // nanoseconds, truncated; not positive gives 0), first one period from
-    // start, with a leeway of a tenth of the period.
+    /// The periodic reporting timer: every `seconds` (converted to whole
+    /// nanoseconds, truncated; not positive gives 0), first one period from
+    /// start, with a leeway of a tenth of the period.
     static std::shared_ptr<TavroTimer> createRepeating(double seconds, TavroTask handler);
     ~TavroTimer();
     TavroTimer(const TavroTimer&) = delete;
     TavroTimer& operator=(const TavroTimer&) = delete;
 
-    // Arms the timer; the start delay counts from here. Only the first call
-    // does anything, and a cancelled timer never starts again.
+    /// Arms the timer; the start delay counts from here. Only the first call
+    /// does anything, and a cancelled timer never starts again.
     void start();
-    // Stops the ticks and releases the handler (and whatever it captured).
+    /// Stops the ticks and releases the handler (and whatever it captured).
     void cancel();
 
     bool isStarted() const { return started_.load(); }

@@ -1,14 +1,15 @@
-// Headphone crossfeed (Bauer stereophonic-to-binaural) on a stream's stereo
-// audio, registered as its own platform DSP at priority 500, between the
-// volume normaliser and the DSP chain. Mono and surround blocks pass.
-//
-// Threading: every operation may be called from an application thread (one
-// at a time per crossfeed; the main thread in practice). The DSP procedure runs
-// on the platform thread that renders or decodes the stream. The filter is
-// changed by the audio thread alone: setters publish the new cut frequency and
-// feed level (and reset() a clearing request), and the next block applies them
-// before it filters, so no block ever runs on half-updated coefficients and the
-// audio thread never waits. The filter's history is kept across level changes.
+/// @file
+/// Headphone crossfeed (Bauer stereophonic-to-binaural) on a stream's stereo
+/// audio, registered as its own platform DSP at priority 500, between the
+/// volume normaliser and the DSP chain. Mono and surround blocks pass.
+///
+/// Threading: every operation may be called from an application thread (one
+/// at a time per crossfeed; the main thread in practice). The DSP procedure runs
+/// on the platform thread that renders or decodes the stream. The filter is
+/// changed by the audio thread alone: setters publish the new cut frequency and
+/// feed level (and reset() a clearing request), and the next block applies them
+/// before it filters, so no block ever runs on half-updated coefficients and the
+/// audio thread never waits. The filter's history is kept across level changes.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -37,10 +38,12 @@ class TAVRO_API TavroCrossfeed {
     double bs2bSampleRate() const { return bs2bSampleRate_; }
     bool hasFilter() const { return filter_.load(std::memory_order_acquire) != nullptr; }
 
-    // What the filter is given for the current cutoff and feed: whole Hz, and
-    // tenths of a dB.
+    /// @name What the filter is given for the current cutoff and feed
+    /// Whole Hz, and tenths of a dB.
+    /// @{
     int32_t appliedCutoff() const;
     int32_t appliedFeed() const;
+    /// @}
 
     void ensureState();
     void applyParameters();
@@ -48,10 +51,13 @@ class TAVRO_API TavroCrossfeed {
     void detach();
     void reset();
 
-    // Audio thread (or any single thread while the stream is not rendering).
+    /// @name Audio thread
+    /// Called on the audio thread (or on any single thread while the stream is not rendering).
+    /// @{
     void processInterleaved(float* samples, uint64_t frames, uint64_t channels);
     static void TavroCrossfeedDSP(uint32_t handle, uint32_t channel, void* buffer, uint32_t length,
                                   void* user);
+    /// @}
 
   private:
     // The libbs2b filter and what the audio thread last gave it.

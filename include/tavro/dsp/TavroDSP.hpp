@@ -1,17 +1,18 @@
-// An ordered chain of sample-level nodes run in place on one stream's audio,
-// registered as a platform DSP at priority 0 (after the normaliser and the
-// crossfeed).
-//
-// Threading: list operations, attach, detach and setTargetChannel may be
-// called from any application thread; list operations hold the chain's
-// recursive lock for their whole duration and may be nested inside each other.
-// processBuffer (through TavroDSPCallback) runs on the platform thread that
-// renders or decodes the stream and holds the lock only to pick up the list as
-// it stands, so an edit is heard from the next block. A node removed during a
-// block finishes that block; its last reference held by the chain is dropped
-// later on an application thread (at a following list operation or when the
-// chain is destroyed), never on the audio thread. Do not destroy the chain or
-// call detach/setTargetChannel from inside a node.
+/// @file
+/// An ordered chain of sample-level nodes run in place on one stream's audio,
+/// registered as a platform DSP at priority 0 (after the normaliser and the
+/// crossfeed).
+///
+/// Threading: list operations, attach, detach and setTargetChannel may be
+/// called from any application thread; list operations hold the chain's
+/// recursive lock for their whole duration and may be nested inside each other.
+/// processBuffer (through TavroDSPCallback) runs on the platform thread that
+/// renders or decodes the stream and holds the lock only to pick up the list as
+/// it stands, so an edit is heard from the next block. A node removed during a
+/// block finishes that block; its last reference held by the chain is dropped
+/// later on an application thread (at a following list operation or when the
+/// chain is destroyed), never on the audio thread. Do not destroy the chain or
+/// call detach/setTargetChannel from inside a node.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -41,7 +42,7 @@ class TAVRO_API TavroDSP {
     void detach();
 
     std::vector<std::shared_ptr<TavroDSPNode>> nodes() const;
-    // Null nodes are refused (false); the list never holds one.
+    /// Null nodes are refused (false); the list never holds one.
     bool appendNode(std::shared_ptr<TavroDSPNode> node);
     bool insertNode(std::shared_ptr<TavroDSPNode> node, uint64_t atIndex);
     void removeNode(const std::shared_ptr<TavroDSPNode>& node);
@@ -50,8 +51,8 @@ class TAVRO_API TavroDSP {
 
     static std::shared_ptr<TavroDSPNode> defaultNodeOfKind(TavroDSPNodeKind kind);
 
-    // Runs the enabled nodes over one block of interleaved floats; `length`
-    // is in bytes.
+    /// Runs the enabled nodes over one block of interleaved floats; `length`
+    /// is in bytes.
     void processBuffer(void* buffer, uint32_t length);
     static void TavroDSPCallback(uint32_t handle, uint32_t channel, void* buffer, uint32_t length,
                                  void* user);

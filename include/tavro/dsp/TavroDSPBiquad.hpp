@@ -1,10 +1,11 @@
-// Second-order IIR filter nodes on cookbook coefficients, one filter memory
-// per channel. The subclasses fix the filter type and differ in kind() alone.
-//
-// Threading: the node contract of TavroDSPNode. cutoff, resonance and gainDB
-// are read once per block. ensureChannels, computeCoefficientsForSampleRate
-// and the state read-outs (coefficients, computed values, zChannels) belong to
-// the audio thread; read them elsewhere only while no block runs.
+/// @file
+/// Second-order IIR filter nodes on cookbook coefficients, one filter memory
+/// per channel. The subclasses fix the filter type and differ in kind() alone.
+///
+/// Threading: the node contract of TavroDSPNode. cutoff, resonance and gainDB
+/// are read once per block. ensureChannels, computeCoefficientsForSampleRate
+/// and the state read-outs (coefficients, computed values, zChannels) belong to
+/// the audio thread; read them elsewhere only while no block runs.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -32,8 +33,8 @@ class TAVRO_API TavroDSPBiquad : public TavroDSPNode {
     float gainDB() const { return gainDB_.get(); }
     void setGainDB(float db) { gainDB_.set(db); }
 
-    // False only when the memory for an unusually wide block could not be
-    // had; the node then leaves blocks unchanged.
+    /// False only when the memory for an unusually wide block could not be
+    /// had; the node then leaves blocks unchanged.
     bool ensureChannels(uint64_t channels);
     void computeCoefficientsForSampleRate(double sampleRate);
 

@@ -1,9 +1,10 @@
-// Amplitude quantisation to bitDepth bits over -1..+1, with sample-and-hold
-// rate reduction: one captured frame is held for round(1 / ratio) frames, the
-// hold running on across blocks. Channels from the ninth on pass unchanged.
-//
-// Threading: the node contract of TavroDSPNode; both parameters are read once
-// per block. The hold state belongs to the audio thread.
+/// @file
+/// Amplitude quantisation to bitDepth bits over -1..+1, with sample-and-hold
+/// rate reduction: one captured frame is held for round(1 / ratio) frames, the
+/// hold running on across blocks. Channels from the ninth on pass unchanged.
+///
+/// Threading: the node contract of TavroDSPNode; both parameters are read once
+/// per block. The hold state belongs to the audio thread.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -25,10 +26,12 @@ class TAVRO_API TavroDSPBitCrusher final : public TavroDSPNode {
     float sampleRateReductionRatio() const { return ratio_.get(); }
     void setSampleRateReductionRatio(float ratio) { ratio_.set(ratio); }
 
-    // Frames each captured sample is held for, and the quantiser step, for the
-    // current parameters.
+    /// @name Hold and quantiser step
+    /// Frames each captured sample is held for, and the quantiser step, for the current parameters.
+    /// @{
     uint64_t holdFrames() const;
     float quantiserStep() const;
+    /// @}
     uint64_t holdCount() const { return holdCount_; }
 
   private:

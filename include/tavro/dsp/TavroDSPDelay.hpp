@@ -1,17 +1,18 @@
-// A feedback delay (echo) with a dry/wet mix. The echo of a frame arrives
-// L - 1 frames later, L being the ring length in frames (1 frame when L is 1).
-//
-// Delay times are limited to kMaxDelaySeconds where they are used. A shorter
-// time that still fits the line takes effect at once; a longer one that does
-// not fit, or a change of channel count, makes a new, silent line. When that
-// memory cannot be had, the node keeps its old line (and time) if the channel
-// layout still matches, else passes blocks dry, and tries again once the time
-// or the channel count changes.
-//
-// Threading: the node contract of TavroDSPNode; delaySeconds is read once per
-// block, feedback and mix once per sample. The line is made, used and freed by
-// the audio thread (the destructor frees it on whatever thread drops the last
-// reference, after the node has left every chain).
+/// @file
+/// A feedback delay (echo) with a dry/wet mix. The echo of a frame arrives
+/// L - 1 frames later, L being the ring length in frames (1 frame when L is 1).
+///
+/// Delay times are limited to kMaxDelaySeconds where they are used. A shorter
+/// time that still fits the line takes effect at once; a longer one that does
+/// not fit, or a change of channel count, makes a new, silent line. When that
+/// memory cannot be had, the node keeps its old line (and time) if the channel
+/// layout still matches, else passes blocks dry, and tries again once the time
+/// or the channel count changes.
+///
+/// Threading: the node contract of TavroDSPNode; delaySeconds is read once per
+/// block, feedback and mix once per sample. The line is made, used and freed by
+/// the audio thread (the destructor frees it on whatever thread drops the last
+/// reference, after the node has left every chain).
 #pragma once
 
 #include <tavro/Export.hpp>

@@ -1,6 +1,7 @@
-// A fixed gain in dB.
-//
-// Threading: the node contract of TavroDSPNode; gainDB is read once per block.
+/// @file
+/// A fixed gain in dB.
+///
+/// Threading: the node contract of TavroDSPNode; gainDB is read once per block.
 #pragma once
 
 #include <tavro/Export.hpp>

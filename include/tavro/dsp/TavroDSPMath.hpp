@@ -1,10 +1,11 @@
-// The 64-bit sine and hyperbolic tangent the nodes use. They agree with the
-// C library's to within an ulp of a double (so the 32-bit values the nodes
-// keep are the same), but are free of branches and table look-ups, so that
-// loops over a block vectorise; the C library's versions would cost most of a
-// node's time budget. Custom nodes may use them too.
-//
-// Threading: pure functions; any thread.
+/// @file
+/// The 64-bit sine and hyperbolic tangent the nodes use. They agree with the
+/// C library's to within an ulp of a double (so the 32-bit values the nodes
+/// keep are the same), but are free of branches and table look-ups, so that
+/// loops over a block vectorise; the C library's versions would cost most of a
+/// node's time budget. Custom nodes may use them too.
+///
+/// Threading: pure functions; any thread.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -19,13 +20,13 @@ class TAVRO_API TavroDSPMath {
     TavroDSPMath() = delete;
 
     static constexpr double kTwoPi = 2.0 * std::numbers::pi;
-    // sine() reduces its argument exactly only below this; oscillate() hands
-    // larger phases to the C library.
+    /// sine() reduces its argument exactly only below this; oscillate() hands
+    /// larger phases to the C library.
     static constexpr double kSineRange = 1.0e5;
 
-    // Reduction by multiples of pi/2 split in three parts, then the classic
-    // minimax kernels for sine and cosine on [-pi/4, pi/4]; the quadrant picks
-    // one of them and the sign by bit masks, not by branches.
+    /// Reduction by multiples of pi/2 split in three parts, then the classic
+    /// minimax kernels for sine and cosine on [-pi/4, pi/4]; the quadrant picks
+    /// one of them and the sign by bit masks, not by branches.
     static double sine(double x) {
         constexpr double kShifter = 6755399441055744.0; // 1.5 * 2^52: rounds to a whole number
         const double shifted = x * 6.36619772367581382433e-01 + kShifter;
@@ -53,10 +54,10 @@ class TAVRO_API TavroDSPMath {
         return std::bit_cast<double>(bits ^ ((quadrant & 2) << 62));
     }
 
-    // tanh of a float, in 64 bits: expm1(2|v|) / (expm1(2|v|) + 2) with the
-    // sign of v. Arguments beyond 20 act as 20 (tanh is 1 in a double there);
-    // the limit is applied to the bits, which keeps NaN a NaN and, unlike a
-    // comparison, lets the loop vectorise.
+    /// tanh of a float, in 64 bits: expm1(2|v|) / (expm1(2|v|) + 2) with the
+    /// sign of v. Arguments beyond 20 act as 20 (tanh is 1 in a double there);
+    /// the limit is applied to the bits, which keeps NaN a NaN and, unlike a
+    /// comparison, lets the loop vectorise.
     static double hyperbolicTangent(float v) {
         const uint32_t magnitude = std::bit_cast<uint32_t>(v) & 0x7FFFFFFFu;
         constexpr uint32_t kLimit = std::bit_cast<uint32_t>(20.0f);
@@ -86,9 +87,9 @@ class TAVRO_API TavroDSPMath {
         return std::copysign(expm1y / (expm1y + 2.0), static_cast<double>(v));
     }
 
-    // Fills out[0..n) with the sine of an oscillator's phase, frame by frame,
-    // and returns the phase after them. Each frame uses the phase before its
-    // advance; an advance past 2 pi takes 2 pi off once.
+    /// Fills out[0..n) with the sine of an oscillator's phase, frame by frame,
+    /// and returns the phase after them. Each frame uses the phase before its
+    /// advance; an advance past 2 pi takes 2 pi off once.
     static double oscillate(double phase, double increment, double* out, uint64_t n) {
         bool far = false;
         for (uint64_t i = 0; i < n; ++i) {

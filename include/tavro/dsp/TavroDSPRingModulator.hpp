@@ -1,8 +1,9 @@
-// Multiplication by a sine carrier, mixed with the dry signal. All channels
-// share one carrier, whose phase runs on across blocks.
-//
-// Threading: the node contract of TavroDSPNode; carrierFrequency is read once
-// per block and mix once per sample.
+/// @file
+/// Multiplication by a sine carrier, mixed with the dry signal. All channels
+/// share one carrier, whose phase runs on across blocks.
+///
+/// Threading: the node contract of TavroDSPNode; carrierFrequency is read once
+/// per block and mix once per sample.
 #pragma once
 
 #include <tavro/Export.hpp>

@@ -1,8 +1,9 @@
-// Hyperbolic-tangent saturation after a drive gain in dB. The output is not
-// rescaled: the curve saturates at +-1.
-//
-// Threading: the node contract of TavroDSPNode; driveDB is read once per
-// block.
+/// @file
+/// Hyperbolic-tangent saturation after a drive gain in dB. The output is not
+/// rescaled: the curve saturates at +-1.
+///
+/// Threading: the node contract of TavroDSPNode; driveDB is read once per
+/// block.
 #pragma once
 
 #include <tavro/Export.hpp>

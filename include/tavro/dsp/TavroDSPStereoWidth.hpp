@@ -1,7 +1,8 @@
-// Mid/side width of a stereo pair: 1 leaves it, 0 folds it to mono, above 1
-// widens, negative values mirror it. Blocks of any other channel count pass.
-//
-// Threading: the node contract of TavroDSPNode; width is read once per block.
+/// @file
+/// Mid/side width of a stereo pair: 1 leaves it, 0 folds it to mono, above 1
+/// widens, negative values mirror it. Blocks of any other channel count pass.
+///
+/// Threading: the node contract of TavroDSPNode; width is read once per block.
 #pragma once
 
 #include <tavro/Export.hpp>

@@ -1,8 +1,9 @@
-// Amplitude modulation by a sine oscillator: the gain swings between
-// 1 - depth and 1, all channels sharing the oscillator.
-//
-// Threading: the node contract of TavroDSPNode; rate is read once per block,
-// depth once per frame. The phase belongs to the audio thread.
+/// @file
+/// Amplitude modulation by a sine oscillator: the gain swings between
+/// 1 - depth and 1, all channels sharing the oscillator.
+///
+/// Threading: the node contract of TavroDSPNode; rate is read once per block,
+/// depth once per frame. The phase belongs to the audio thread.
 #pragma once
 
 #include <tavro/Export.hpp>

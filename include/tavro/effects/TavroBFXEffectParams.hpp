@@ -1,15 +1,16 @@
-// Parameter records of the extended effects and the volume envelope's node.
-//
-// Threading: plain values with no shared state; copy them freely between
-// threads. TavroEffects reads a record once, when it is handed over.
+/// @file
+/// Parameter records of the extended effects and the volume envelope's node.
+///
+/// Threading: plain values with no shared state; copy them freely between
+/// threads. TavroEffects reads a record once, when it is handed over.
 #pragma once
 
 #include <tavro/Export.hpp>
 
 #include <cstdint>
 
-// The channel selection every extended effect has: a mask of channels, -1 for
-// all of them. It is handed on unchecked (narrowed to 32 bits).
+/// The channel selection every extended effect has: a mask of channels, -1 for
+/// all of them. It is handed on unchecked (narrowed to 32 bits).
 struct TAVRO_API TavroBFXEffectParams {
     int64_t channels = -1;
 };
@@ -100,7 +101,7 @@ struct TAVRO_API TavroEcho4Params : TavroBFXEffectParams {
     float dryMix = 0;
     float wetMix = 0;
     float feedback = 0;
-    float delay = 0; // seconds
+    float delay = 0; ///< seconds
     bool stereo = false;
     static TavroEcho4Params defaultParams() {
         TavroEcho4Params p;
@@ -132,7 +133,7 @@ struct TAVRO_API TavroBFXChorusParams : TavroBFXEffectParams {
     }
 };
 
-// One point of a volume envelope; not an effect record of its own.
+/// One point of a volume envelope; not an effect record of its own.
 struct TAVRO_API TavroVolumeEnvelopeNode {
     double seconds = 0;
     float value = 0;

@@ -1,18 +1,19 @@
-// Parameter records of the standard effects, the two kinds of equaliser band
-// and replay gain.
-//
-// Threading: plain values with no shared state; copy them freely between
-// threads. TavroEffects reads a record once, when it is handed over, so
-// changing it afterwards changes nothing until it is handed over again.
+/// @file
+/// Parameter records of the standard effects, the two kinds of equaliser band
+/// and replay gain.
+///
+/// Threading: plain values with no shared state; copy them freely between
+/// threads. TavroEffects reads a record once, when it is handed over, so
+/// changing it afterwards changes nothing until it is handed over again.
 #pragma once
 
 #include <tavro/Export.hpp>
 
 #include <cstdint>
 
-// A plainly constructed record holds 0 and false everywhere; defaultParams()
-// gives the values an effect is normally started with. Nothing is validated
-// here: the platform refuses what it cannot take when the record is applied.
+/// A plainly constructed record holds 0 and false everywhere; defaultParams()
+/// gives the values an effect is normally started with. Nothing is validated
+/// here: the platform refuses what it cannot take when the record is applied.
 struct TAVRO_API TavroChorusParams {
     float wetDryMix = 0;
     float depth = 0;
@@ -20,7 +21,7 @@ struct TAVRO_API TavroChorusParams {
     float frequency = 0;
     int32_t waveform = 0;
     float delay = 0;
-    int32_t phase = 0; // degrees
+    int32_t phase = 0; ///< degrees
     static TavroChorusParams defaultParams() { return {50, 10, 25, 1.1f, 1, 16, 90}; }
 };
 
@@ -31,7 +32,7 @@ struct TAVRO_API TavroFlangerParams {
     float frequency = 0;
     int32_t waveform = 0;
     float delay = 0;
-    int32_t phase = 0; // degrees
+    int32_t phase = 0; ///< degrees
     static TavroFlangerParams defaultParams() { return {50, 25, -50, 0.25f, 1, 2, 0}; }
 };
 
@@ -73,18 +74,18 @@ struct TAVRO_API TavroReverbParams {
 
 struct TAVRO_API TavroParamEQBand {
     float centerFrequency = 0;
-    float bandwidth = 0; // semitones
-    float gain = 0;      // dB
+    float bandwidth = 0; ///< semitones
+    float gain = 0;      ///< dB
     static TavroParamEQBand bandWithCenter(float center, float bandwidth, float gain) {
         return {center, bandwidth, gain};
     }
 };
 
-// Note the argument order: gain before bandwidth, unlike the parametric band.
+/// Note the argument order: gain before bandwidth, unlike the parametric band.
 struct TAVRO_API TavroGraphicEQBand {
     float centerFrequency = 0;
-    float gain = 0;      // dB
-    float bandwidth = 0; // octaves
+    float gain = 0;      ///< dB
+    float bandwidth = 0; ///< octaves
     float q = 0;
     static TavroGraphicEQBand bandWithCenter(float center, float gain, float bandwidth, float q) {
         return {center, gain, bandwidth, q};
@@ -93,10 +94,10 @@ struct TAVRO_API TavroGraphicEQBand {
 
 struct TAVRO_API TavroReplayGainParams {
     bool enabled = false;
-    float trackGain = 0; // dB
-    float albumGain = 0; // dB
+    float trackGain = 0; ///< dB
+    float albumGain = 0; ///< dB
     bool useAlbumGain = false;
-    float preAmp = 0; // dB
+    float preAmp = 0; ///< dB
     bool clipProtection = false;
     static TavroReplayGainParams defaultParams() {
         TavroReplayGainParams p;

@@ -1,10 +1,11 @@
-// The effects of one stream: installs, updates and removes the platform's
-// effects on the stream's top channel and sets its tempo, pitch, reverse and
-// replay-gain attributes.
-//
-// Threading: not locked; use it from the thread that owns the stream
-// (normally the main thread). The platform hands parameter changes to the
-// mixing thread itself, so no call here waits on audio work.
+/// @file
+/// The effects of one stream: installs, updates and removes the platform's
+/// effects on the stream's top channel and sets its tempo, pitch, reverse and
+/// replay-gain attributes.
+///
+/// Threading: not locked; use it from the thread that owns the stream
+/// (normally the main thread). The platform hands parameter changes to the
+/// mixing thread itself, so no call here waits on audio work.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -24,10 +25,10 @@ class TAVRO_API TavroEffects : public std::enable_shared_from_this<TavroEffects>
 
     std::weak_ptr<TavroStream> stream() const { return stream_; }
     void setStream(std::weak_ptr<TavroStream> stream) { stream_ = std::move(stream); }
-    // Key: effect type of a single-instance effect, or 107 + k for band k of
-    // the parametric EQ. Value: the effect's handle.
+    /// Key: effect type of a single-instance effect, or 107 + k for band k of
+    /// the parametric EQ. Value: the effect's handle.
     const std::map<uint32_t, uint32_t>& fxHandles() const { return fxHandles_; }
-    // The graphic EQ's bands, in band order.
+    /// The graphic EQ's bands, in band order.
     const std::vector<uint32_t>& bfxHandles() const { return bfxHandles_; }
     float pitchSemitones() const { return pitchSemitones_; }
     void setPitchSemitones(float v) { pitchSemitones_ = v; }
@@ -38,7 +39,9 @@ class TAVRO_API TavroEffects : public std::enable_shared_from_this<TavroEffects>
     bool bypassed() const { return bypassed_; }
     void setBypassed(bool v) { bypassed_ = v; }
 
-    // Single-instance effects: a record installs or updates, null removes.
+    /// @name Single-instance effects
+    /// A record installs or updates, null removes.
+    /// @{
     bool setChorus(const TavroChorusParams* params);
     bool setCompressor(const TavroCompressorParams* params);
     bool setDistortion(const TavroDistortionParams* params);
@@ -55,6 +58,7 @@ class TAVRO_API TavroEffects : public std::enable_shared_from_this<TavroEffects>
     bool setBiquad(const TavroBiquadParams* params);
     bool setEcho4(const TavroEcho4Params* params);
     bool setFreeverb(const TavroFreeverbParams* params);
+    /// @}
 
     bool setParametricEQ(const std::vector<TavroParamEQBand>& bands);
     bool applyTenBandEQ(const std::vector<double>& gains);

@@ -1,7 +1,8 @@
-// One audio device as the platform lists it (output devices from the engine,
-// input devices from the recorder).
-//
-// Threading: a plain value, copied out of the platform; safe anywhere.
+/// @file
+/// One audio device as the platform lists it (output devices from the engine,
+/// input devices from the recorder).
+///
+/// Threading: a plain value, copied out of the platform; safe anywhere.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -12,9 +13,9 @@
 
 struct TAVRO_API TavroDeviceInfo {
     int32_t deviceID = 0;
-    // Empty when the platform gives no name.
+    /// Empty when the platform gives no name.
     std::string name;
-    // Absent (not empty) when the platform gives no driver text.
+    /// Absent (not empty) when the platform gives no driver text.
     std::optional<std::string> driver;
     bool isDefault = false;
     bool isEnabled = false;

@@ -1,10 +1,11 @@
-// Loads one source at a time, keeps volume and pan across loads, runs the
-// transport and reports state, errors, the end of the track and progress.
-//
-// Threading: use from the main thread. Every report (callbacks first, then
-// the delegate) is delivered asynchronously on the main queue, never from
-// inside the call that caused it; reports for a player that is gone are
-// dropped. The player takes no locks.
+/// @file
+/// Loads one source at a time, keeps volume and pan across loads, runs the
+/// transport and reports state, errors, the end of the track and progress.
+///
+/// Threading: use from the main thread. Every report (callbacks first, then
+/// the delegate) is delivered asynchronously on the main queue, never from
+/// inside the call that caused it; reports for a player that is gone are
+/// dropped. The player takes no locks.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -36,7 +37,7 @@ constexpr TavroPlayerOptions TavroPlayerOptionReverse = 2;
 
 class TavroPlayer;
 
-// Every operation is optional: the defaults do nothing.
+/// Every operation is optional: the defaults do nothing.
 class TAVRO_API TavroPlayerDelegate {
   public:
     virtual ~TavroPlayerDelegate() = default;
@@ -55,7 +56,8 @@ class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     TavroPlayer(const TavroPlayer&) = delete;
     TavroPlayer& operator=(const TavroPlayer&) = delete;
 
-    // Options that take effect at the next load.
+    /// @name Options that take effect at the next load
+    /// @{
     bool fxChainEnabled() const { return fxChainEnabled_; }
     void setFxChainEnabled(bool v) { fxChainEnabled_ = v; }
     bool reverseEnabled() const { return reverseEnabled_; }
@@ -76,6 +78,7 @@ class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     void setIncludesVolumeNormalizer(bool v) { includesVolumeNormalizer_ = v; }
     bool includesCrossfeed() const { return includesCrossfeed_; }
     void setIncludesCrossfeed(bool v) { includesCrossfeed_ = v; }
+    /// @}
 
     float volume() const { return volume_; }
     void setVolume(float volume);
@@ -83,7 +86,7 @@ class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     void setPan(float pan);
 
     const std::shared_ptr<TavroStream>& stream() const { return stream_; }
-    // Components made by the last load (null when not asked for).
+    /// Components made by the last load (null when not asked for).
     const std::shared_ptr<TavroEffects>& effects() const { return effects_; }
     const std::shared_ptr<TavroDSP>& dsp() const { return dsp_; }
     const std::shared_ptr<TavroAnalyzer>& analyzer() const { return analyzer_; }
@@ -96,7 +99,8 @@ class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     double duration() const { return stream_ ? stream_->duration() : 0.0; }
     bool isPlaying() const { return state_ == TavroPlayerStatePlaying; }
 
-    // Loading and transport.
+    /// @name Loading and transport
+    /// @{
     bool loadSource(std::shared_ptr<TavroSource> source, TavroError* error = nullptr);
     bool play(TavroError* error = nullptr);
     bool pause();
@@ -104,8 +108,10 @@ class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     bool seekToSeconds(double seconds);
     bool seekBy(double delta);
     void releaseStream();
+    /// @}
 
-    // Events.
+    /// @name Events
+    /// @{
     std::weak_ptr<TavroPlayerDelegate> delegate() const { return delegate_; }
     void setDelegate(std::weak_ptr<TavroPlayerDelegate> d) { delegate_ = std::move(d); }
     void setOnStateChange(std::function<void(int64_t)> f) { onStateChange_ = std::move(f); }
@@ -116,8 +122,10 @@ class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     const std::function<void(const TavroError&)>& onError() const { return onError_; }
     const std::function<void()>& onEnd() const { return onEnd_; }
     const std::function<void(double)>& onProgress() const { return onProgress_; }
+    /// @}
 
-    // Progress and fades.
+    /// @name Progress and fades
+    /// @{
     void beginProgressUpdatesEvery(double interval);
     void endProgressUpdates();
     const std::shared_ptr<TavroTimer>& progressTimer() const { return progressTimer_; }
@@ -126,6 +134,7 @@ class TAVRO_API TavroPlayer : public std::enable_shared_from_this<TavroPlayer> {
     bool fadeOutAndPauseOver(double seconds);
     bool fadeOutAndStopOver(double seconds);
     bool fadeOutThen(std::function<void()> action, double seconds);
+    /// @}
 
   private:
     TavroPlayer() = default;

@@ -1,4 +1,5 @@
-// A local file: opened as a stream, or as a tracker module when it is one.
+/// @file
+/// A local file: opened as a stream, or as a tracker module when it is one.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -17,7 +18,7 @@ class TAVRO_API TavroFileSource : public TavroSource {
     uint32_t createStreamWithFlags(TavroSourceFlags flags, TavroError* error = nullptr) override;
     std::string displayName() const override;
 
-    // The platform's stream flags for a set of source flags (bits 128 and up ignored).
+    /// The platform's stream flags for a set of source flags (bits 128 and up ignored).
     static uint32_t bassFlagsFromSourceFlags(TavroSourceFlags flags);
 
   private:

@@ -1,7 +1,8 @@
-// Where a stream's bottom channel comes from.
-//
-// Threading: createStreamWithFlags runs on the caller's thread and blocks for
-// as long as opening takes. Sources hold no locks.
+/// @file
+/// Where a stream's bottom channel comes from.
+///
+/// Threading: createStreamWithFlags runs on the caller's thread and blocks for
+/// as long as opening takes. Sources hold no locks.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -23,8 +24,8 @@ constexpr TavroSourceFlags TavroSourceFlagRestrictRate = 64;
 class TAVRO_API TavroSource {
   public:
     virtual ~TavroSource() = default;
-    // A new channel on every call (the caller owns it), or 0 with the error
-    // stored when one is asked for.
+    /// A new channel on every call (the caller owns it), or 0 with the error
+    /// stored when one is asked for.
     virtual uint32_t createStreamWithFlags(TavroSourceFlags flags, TavroError* error = nullptr) = 0;
     virtual std::string displayName() const = 0;
 };

@@ -1,10 +1,11 @@
-// One chain of platform channels made from a source: the source's channel,
-// optionally a reverse stage and a tempo stage on top. `handle` is the top,
-// the channel every component attaches to.
-//
-// Threading: not locked; use a stream from the thread that owns it (normally
-// the main thread). Only the A-B loop's sync runs elsewhere, on the mixing
-// thread, where it reads loopStartBytes and moves the position.
+/// @file
+/// One chain of platform channels made from a source: the source's channel,
+/// optionally a reverse stage and a tempo stage on top. `handle` is the top,
+/// the channel every component attaches to.
+///
+/// Threading: not locked; use a stream from the thread that owns it (normally
+/// the main thread). Only the A-B loop's sync runs elsewhere, on the mixing
+/// thread, where it reads loopStartBytes and moves the position.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -35,8 +36,8 @@ class TAVRO_API TavroStream : public std::enable_shared_from_this<TavroStream> {
                                                          TavroStreamOptions options, TavroError* error = nullptr);
     static std::shared_ptr<TavroStream> streamWithSource(std::shared_ptr<TavroSource> source, TavroSourceFlags flags,
                                                          TavroError* error = nullptr);
-    // Any integer is taken as options, the literal 0 included, which would
-    // otherwise fit the error pointer just as well.
+    /// Any integer is taken as options, the literal 0 included, which would
+    /// otherwise fit the error pointer just as well.
     template <std::integral Options>
     static std::shared_ptr<TavroStream> streamWithSource(std::shared_ptr<TavroSource> source, TavroSourceFlags flags,
                                                          Options options, TavroError* error = nullptr) {
@@ -56,21 +57,26 @@ class TAVRO_API TavroStream : public std::enable_shared_from_this<TavroStream> {
     bool hasFXChain() const { return createOptions_ & TavroStreamOptionFXChain; }
     bool hasReverseChain() const { return createOptions_ & TavroStreamOptionReverseChain; }
 
-    // Transport.
+    /// @name Transport
+    /// @{
     bool play(bool restart);
     bool pause();
     bool resume();
     bool stop();
     void free();
+    /// @}
 
-    // Position, in seconds.
+    /// @name Position, in seconds
+    /// @{
     double position() const;
     double duration() const;
     bool seekToSeconds(double seconds);
     bool seekToSeconds(double seconds, TavroSeekFlags flags);
     int64_t rawBytePosition() const;
+    /// @}
 
-    // Channel information (0 or false when unavailable).
+    /// @name Channel information (0 or false when unavailable)
+    /// @{
     uint64_t sampleRate() const;
     uint64_t channelCount() const;
     uint64_t originalSampleRate() const;
@@ -78,23 +84,28 @@ class TAVRO_API TavroStream : public std::enable_shared_from_this<TavroStream> {
     bool isLooping() const;
     void setLooping(bool looping);
     bool isLive() const;
+    /// @}
 
-    // Attributes.
+    /// @name Attributes
+    /// @{
     float volume() const;
     void setVolume(float volume);
     float pan() const;
     void setPan(float pan);
     float tempoFrequency() const;
     void setTempoFrequency(float frequency);
+    /// @}
 
     bool slideVolumeTo(float volume, double duration);
     bool slidePanTo(float pan, double duration);
     bool slideFrequencyTo(float frequency, double duration);
     bool isSlidingVolume() const;
 
-    // A-B loop, jumped inside the mixer at the exact frame.
+    /// @name A-B loop, jumped inside the mixer at the exact frame
+    /// @{
     bool setLoopFromSeconds(double start, double end);
     void clearLoop();
+    /// @}
 
     std::map<std::string, std::string> readTags() const;
 

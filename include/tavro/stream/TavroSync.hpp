@@ -1,15 +1,16 @@
-// Callbacks on a stream's platform events (end, position, metadata, ...).
-//
-// Threading: add and remove from any thread, also from inside a callback.
-// Callbacks of addSyncOnStream run on platform threads: end and free on the
-// mixing thread or the freeing thread (return quickly, never block), the rest
-// on the sync thread. Callbacks of addEndSyncOnStream and
-// addPositionSyncOnStream run on the main queue, after the event; the stream
-// may be gone by then.
-//
-// Lifetime: a registration lives until removeSync or until the stream's
-// channel is freed (a FREE sync, after it has fired), whichever comes first; a
-// callback already running keeps its registration until it returns.
+/// @file
+/// Callbacks on a stream's platform events (end, position, metadata, ...).
+///
+/// Threading: add and remove from any thread, also from inside a callback.
+/// Callbacks of addSyncOnStream run on platform threads: end and free on the
+/// mixing thread or the freeing thread (return quickly, never block), the rest
+/// on the sync thread. Callbacks of addEndSyncOnStream and
+/// addPositionSyncOnStream run on the main queue, after the event; the stream
+/// may be gone by then.
+///
+/// Lifetime: a registration lives until removeSync or until the stream's
+/// channel is freed (a FREE sync, after it has fired), whichever comes first; a
+/// callback already running keeps its registration until it returns.
 #pragma once
 
 #include <tavro/Export.hpp>
@@ -32,7 +33,7 @@ constexpr TavroSyncKind TavroSyncKindFree = 7;
 
 using TavroSyncBlock = std::function<void(std::shared_ptr<TavroStream> stream, uint64_t data)>;
 
-// One registered sync.
+/// One registered sync.
 struct TAVRO_API TavroSyncRegistration {
     std::weak_ptr<TavroStream> stream;
     TavroSyncBlock block;
@@ -49,7 +50,7 @@ class TAVRO_API TavroSync {
     static uint64_t addPositionSyncOnStream(const std::shared_ptr<TavroStream>& stream, double seconds,
                                             std::function<void()> block);
     static void removeSync(uint64_t sync, const std::shared_ptr<TavroStream>& stream);
-    // Registered syncs, and channels carrying them, for tests and diagnostics.
+    /// Registered syncs, and channels carrying them, for tests and diagnostics.
     static size_t registeredCount();
     static size_t watchedChannelCount();
 

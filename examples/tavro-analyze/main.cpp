@@ -1,7 +1,7 @@
 // tavro-analyze: loudness, tempo, beats and tags of audio files, built on
 // TavroCore.
 //
-//   tavro-analyze [--json] [--jobs N] [--all-beats] FILE|FOLDER...
+//   tavro-analyze [--json] [--jobs N] [--all-beats] [--] FILE|FOLDER...
 //     --json        one JSON object per file and line instead of a table
 //     --jobs N      analyse N files at a time (default: the number of cores)
 //     --all-beats   list every beat instead of the first few
@@ -283,7 +283,10 @@ class Progress {
 };
 
 int usage(FILE* to) {
-    std::fprintf(to, "usage: tavro-analyze [--json] [--jobs N] [--all-beats] FILE|FOLDER...\n");
+    std::fprintf(to, "usage: tavro-analyze [--json] [--jobs N] [--all-beats] [--] FILE|FOLDER...\n"
+                     "  --json       one JSON object per file and line instead of a table\n"
+                     "  --jobs N     analyse N files at a time (default: the number of cores)\n"
+                     "  --all-beats  list every beat instead of the first few\n");
     return to == stdout ? 0 : 2;
 }
 
@@ -291,17 +294,19 @@ int usage(FILE* to) {
 
 int main(int argc, char** argv) {
     Options opt;
+    bool optionsEnded = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
-        if (a == "--json") opt.json = true;
+        if (optionsEnded || a.size() < 2 || a[0] != '-') opt.inputs.push_back(a);
+        else if (a == "--") optionsEnded = true;
+        else if (a == "--json") opt.json = true;
         else if (a == "--all-beats") opt.allBeats = true;
         else if (a == "--jobs" && i + 1 < argc) {
             const long n = std::strtol(argv[++i], nullptr, 10);
             if (n < 1) return usage(stderr);
             opt.jobs = static_cast<size_t>(n);
         } else if (a == "--help" || a == "-h") return usage(stdout);
-        else if (a.size() > 1 && a[0] == '-' && a != "--") return usage(stderr);
-        else opt.inputs.push_back(a);
+        else return usage(stderr);
     }
     if (opt.inputs.empty()) return usage(stderr);
     if (opt.jobs == 0) opt.jobs = std::max(1u, std::thread::hardware_concurrency());

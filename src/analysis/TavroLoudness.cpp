@@ -38,9 +38,13 @@ TavroLoudness::~TavroLoudness() {
 }
 
 bool TavroLoudness::startMeasuringIntegrated(bool integrated, bool peak, bool truePeak) {
+    return startMeasuring(integrated, false, peak, truePeak);
+}
+
+bool TavroLoudness::startMeasuring(bool integrated, bool range, bool peak, bool truePeak) {
     if (running_) return true;
-    const DWORD flags = (integrated ? BASS_LOUDNESS_INTEGRATED : 0) | (peak ? BASS_LOUDNESS_PEAK : 0) |
-                        (truePeak ? BASS_LOUDNESS_TRUEPEAK : 0);
+    const DWORD flags = (integrated ? BASS_LOUDNESS_INTEGRATED : 0) | (range ? BASS_LOUDNESS_RANGE : 0) |
+                        (peak ? BASS_LOUDNESS_PEAK : 0) | (truePeak ? BASS_LOUDNESS_TRUEPEAK : 0);
     handle_ = BASS_Loudness_Start(handleOf(stream_), flags, 0);
     running_ = handle_ != 0;
     return running_;

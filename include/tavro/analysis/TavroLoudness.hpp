@@ -23,9 +23,10 @@
 struct TAVRO_API TavroLoudnessLevels {
     float integratedLUFS = 0;
     float momentaryLUFS = 0;
-    /// The add-on's range reading (LU); the meter never requests it, so it
-    /// stays 0 unless the platform grants it anyway.
+    /// The add-on's loudness range (LU); 0 unless startMeasuring asked for it.
     float shortTermLUFS = 0;
+    /// The true peak as a linear amplitude (1 = full scale), despite the name:
+    /// 20 * log10 of it is the level in dBTP.
     float truePeakDB = 0;
     /// The left RMS level of the last 50 ms when that can be read, else the
     /// add-on's sample peak.
@@ -47,6 +48,8 @@ class TAVRO_API TavroLoudness : public std::enable_shared_from_this<TavroLoudnes
     const std::shared_ptr<TavroTimer>& monitorTimer() const { return monitorTimer_; }
 
     bool startMeasuringIntegrated(bool integrated, bool peak, bool truePeak);
+    /// The same, with the loudness range as well when `range` is set.
+    bool startMeasuring(bool integrated, bool range, bool peak, bool truePeak);
     void stop();
     TavroLoudnessLevels readCurrentLevels() const;
     void startMonitoringWithInterval(double interval, std::function<void(const TavroLoudnessLevels&)> block);

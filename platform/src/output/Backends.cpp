@@ -41,12 +41,17 @@ class NoSoundBackend final : public Backend {
         thread_.join();
     }
     DWORD latencyMs() const override { return 10; }
+    // Only a thread asleep for want of work is woken: a running one comes
+    // round within 5 ms, and waking it would let it (real-time) take the
+    // core from the caller.
     void wake() override {
+        bool sleeping;
         {
             std::lock_guard lock(mutex_);
             woken_ = true;
+            sleeping = idle_;
         }
-        cv_.notify_all();
+        if (sleeping) cv_.notify_all();
     }
 
   private:
@@ -75,8 +80,10 @@ class NoSoundBackend final : public Backend {
             // Nothing to play: sleep until a channel starts (the first pass
             // after waking has rendered nothing yet, so it does not count),
             // and count time afresh from then.
-            if (!justWoken && !device_.anyPlaying()) {
+            if (!justWoken && !device_.anyPlaying() && !woken_) {
+                idle_ = true;
                 cv_.wait(lock, [this] { return quit_ || woken_; });
+                idle_ = false;
                 t0 = steady_clock::now();
                 done = 0;
                 justWoken = true;
@@ -92,7 +99,7 @@ class NoSoundBackend final : public Backend {
     std::vector<float> buffer_;
     std::mutex mutex_;
     std::condition_variable cv_;
-    bool quit_ = false, woken_ = false;
+    bool quit_ = false, woken_ = false, idle_ = false;
     std::thread thread_;
 };
 

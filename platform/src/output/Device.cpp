@@ -69,13 +69,19 @@ class Updater {
   public:
     static constexpr unsigned kMaxThreads = 8;
     Updater() { ensureThreads(); }
+    // Threads that are rendering come round within a period anyway, and a
+    // channel that starts has its first audio in its ring already; only
+    // threads asleep for want of work are woken. Waking busy ones would only
+    // let them (real-time) take the cores from the caller.
     void wake() {
         ensureThreads();
+        bool sleeping;
         {
             std::lock_guard lock(mutex_);
             ++wakes_;
+            sleeping = idle_ > 0;
         }
-        cv_.notify_all();
+        if (sleeping) cv_.notify_all();
     }
 
   private:
@@ -118,10 +124,13 @@ class Updater {
             period = std::clamp<DWORD>(period == 0 ? 10 : period, 5, std::max<DWORD>(5, bufferMs / 3));
             std::unique_lock lock(mutex_);
             const auto woken = [&] { return wakes_ != seen; };
-            if (playing)
+            if (playing) {
                 cv_.wait_for(lock, std::chrono::milliseconds(period), woken);
-            else
+            } else {
+                ++idle_;
                 cv_.wait(lock, woken);
+                --idle_;
+            }
             seen = wakes_;
         }
     }
@@ -130,6 +139,7 @@ class Updater {
     std::mutex mutex_;
     std::condition_variable cv_;
     uint64_t wakes_ = 0; // mutex_: every wake() counts, so each thread sees it
+    unsigned idle_ = 0;  // mutex_: threads waiting for work
 };
 
 Updater& updater() {

@@ -107,6 +107,9 @@ class Channel : public Object, public std::enable_shared_from_this<Channel> {
     // Returns fewer at the end or while the source has no data (stalled).
     size_t read(float* out, size_t frames);
     bool ended() const { return ended_.load(std::memory_order_acquire); }
+    // The source had nothing to give at the last render (a push stream not
+    // fed yet): an empty ring then is not the engine falling behind.
+    bool sourceStalled() const { return stalled_.load(std::memory_order_relaxed); }
     // Whether any audio has been rendered yet: what is added to the chain
     // after that fades in rather than cutting in.
     bool hasFlowed() const { return flowed_.load(std::memory_order_relaxed); }

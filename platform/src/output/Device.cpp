@@ -58,6 +58,13 @@ void addAudioBusyNs(int64_t ns) { busyNs.fetch_add(ns, std::memory_order_relaxed
 int64_t audioBusyNs() { return busyNs.load(std::memory_order_relaxed); }
 
 namespace {
+std::atomic<uint64_t> underrunCount{0};
+} // namespace
+
+void countUnderrun() { underrunCount.fetch_add(1, std::memory_order_relaxed); }
+uint64_t underruns() { return underrunCount.load(std::memory_order_relaxed); }
+
+namespace {
 
 // Renders playing channels ahead into their rings, on as many threads as
 // BASS_CONFIG_UPDATETHREADS says (0 counts as 1). A channel always goes to

@@ -46,6 +46,10 @@ class Backend {
 // Time the audio threads spend rendering and mixing, for BASS_GetCPU.
 void addAudioBusyNs(int64_t ns);
 int64_t audioBusyNs();
+// Device blocks in which a playing channel that had more to give ran dry
+// (its ring empty before the device had what it needed), since start-up.
+void countUnderrun();
+uint64_t underruns();
 
 class Device : public std::enable_shared_from_this<Device> {
   public:

@@ -178,6 +178,7 @@ size_t Voice::pull(float* dst, size_t frames) {
         }
         if (got < limit) break;
     }
+    if (done < frames && !channel_.ended() && !channel_.sourceStalled()) countUnderrun();
     if (done < frames && channel_.ended() && ring.available() == 0 && events.empty()) {
         // Feed silence after the end so the resampler's lookahead drains.
         const size_t z = std::min(frames - done, 2 * static_cast<size_t>(64) - std::min<size_t>(tail_, 128));

@@ -249,8 +249,8 @@ template <class Impl> class EffectOf final : public EffectEntry {
     void retarget(const State& next) {
         target_ = next;
         if (!flowing_.load(std::memory_order_relaxed)) return;
-        State probe;
         if constexpr (kGlides) {
+            State probe;
             if (!switchDue_ && Impl::blend(current_, target_, 0.0, probe)) {
                 from_ = current_;
                 glideLeft_ = glideFrames_;

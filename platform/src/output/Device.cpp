@@ -52,14 +52,11 @@ void raiseAudioThreadPriority() {
 
 namespace {
 std::atomic<int64_t> busyNs{0};
+std::atomic<uint64_t> underrunCount{0};
 } // namespace
 
 void addAudioBusyNs(int64_t ns) { busyNs.fetch_add(ns, std::memory_order_relaxed); }
 int64_t audioBusyNs() { return busyNs.load(std::memory_order_relaxed); }
-
-namespace {
-std::atomic<uint64_t> underrunCount{0};
-} // namespace
 
 void countUnderrun() { underrunCount.fetch_add(1, std::memory_order_relaxed); }
 uint64_t underruns() { return underrunCount.load(std::memory_order_relaxed); }

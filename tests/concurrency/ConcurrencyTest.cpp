@@ -107,3 +107,29 @@ TEST_F(ConcurrencyTest, StreamsComeAndGoWhileOthersPlay) {
         });
     for (auto& w : workers) w.join();
 }
+
+// The output sleeps while nothing plays; a start must wake it even when the
+// starting thread is held up (here by threads that keep the cores busy)
+// between waking the output and handing it the channel.
+TEST_F(ConcurrencyTest, EveryStartIsHeardAfterTheOutputHasGoneToSleep) {
+    std::atomic<bool> done{false};
+    std::vector<std::thread> hogs;
+    for (int t = 0; t < 3; ++t)
+        hogs.emplace_back([&] {
+            while (!done.load(std::memory_order_relaxed)) {
+            }
+        });
+    DWORD h = RampChannel::create(44100, 2, 0, -1);
+    int unheard = 0;
+    for (int i = 0; i < 40; ++i) {
+        ASSERT_TRUE(BASS_ChannelPlay(h, TRUE));
+        if (!waitFor([&] { return BASS_ChannelGetPosition(h, BASS_POS_BYTE) > 0; }, std::chrono::milliseconds(1500)))
+            ++unheard;
+        BASS_ChannelStop(h);
+        std::this_thread::sleep_for(std::chrono::milliseconds(12)); // time for the output to go idle
+    }
+    done = true;
+    for (auto& t : hogs) t.join();
+    EXPECT_EQ(unheard, 0);
+    BASS_StreamFree(h);
+}

@@ -270,11 +270,17 @@ std::vector<Device::Retired> Device::reclaimLocked(bool all) {
 
 void Device::attach(const std::shared_ptr<Channel>& ch) {
     std::vector<Retired> released; // dropped after the lock
-    std::lock_guard lock(writerMutex_);
+    {
+        std::lock_guard lock(writerMutex_);
+        if (std::find(owners_.begin(), owners_.end(), ch) == owners_.end()) {
+            owners_.push_back(ch);
+            released = publishLocked();
+        }
+    }
+    // Only once the channel is in the list the output reads: an output woken
+    // earlier could render a pass without it, find nothing playing and go
+    // back to sleep for good.
     if (backend_) backend_->wake();
-    if (std::find(owners_.begin(), owners_.end(), ch) != owners_.end()) return;
-    owners_.push_back(ch);
-    released = publishLocked();
 }
 
 void Device::detach(Channel& ch) {

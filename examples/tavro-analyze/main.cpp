@@ -18,6 +18,8 @@
 // thread, which starts the next one; at most --jobs files are under way.
 #include <tavro/tavro.hpp>
 
+#include <bass.h> // error codes
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -79,6 +81,12 @@ Result measure(const std::string& path) {
     auto stream = TavroStream::streamWithSource(source, TavroSourceFlagDecode | TavroSourceFlagFloat, &error);
     if (!stream) {
         r.error = error.localizedDescription();
+        // A format whose plug-in module could not be loaded fails like a file
+        // that is no audio: say which module it needs.
+        const std::string module = TavroEngine::pluginForFile(path);
+        if (error.code() == BASS_ERROR_FILEFORM && !module.empty() &&
+            !TavroEngine::sharedEngine()->loadedPlugins().count(module))
+            r.error += " (needs the " + module + " plug-in, which is not loaded)";
         return r;
     }
     r.duration = stream->duration();

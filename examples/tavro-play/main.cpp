@@ -228,6 +228,11 @@ int main(int argc, char** argv) {
         const TavroURL url = TavroURL::fileURLWithPath(opt.file);
         if (!player->loadSource(TavroFileSource::initWithFileURL(url), &loadError)) {
             std::fprintf(stderr, "cannot open %s: %s\n", opt.file.c_str(), loadError.localizedDescription().c_str());
+            // A format whose plug-in module could not be loaded fails like a
+            // file that is no audio: say which module it needs.
+            const std::string module = TavroEngine::pluginForFile(opt.file);
+            if (loadError.code() == BASS_ERROR_FILEFORM && !module.empty() && !engine->loadedPlugins().count(module))
+                std::fprintf(stderr, "this format needs the %s plug-in, which is not loaded\n", module.c_str());
             status = 1;
         } else {
             auto stream = player->stream();

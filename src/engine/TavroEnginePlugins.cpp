@@ -7,13 +7,8 @@
 #include <cctype>
 #include <cstdio>
 #include <set>
+#include <string_view>
 #include <syslog.h>
-
-const std::vector<std::string>& TavroEngine::pluginNames() {
-    static const std::vector<std::string> names = {"bassflac", "basswv",   "bassopus", "bassdsd",  "bassape",
-                                                   "basswebm", "basshls", "bassmidi", "bass_mpc", "bass_tta"};
-    return names;
-}
 
 void TavroEngine::loadAllPlugins() {
     for (const auto& name : pluginNames()) {
@@ -31,6 +26,81 @@ void TavroEngine::loadAllPlugins() {
     for (const auto& [name, handle] : plugins_) list += (list.size() > 1 ? ", " : "") + name;
     list += "]";
     syslog(LOG_NOTICE, "[BASS_ENGINE] loaded plugins: %s", list.c_str());
+}
+
+namespace {
+
+// What each module adds, by extension and by the bytes a file of it starts
+// with (after an ID3v2 tag, which some of these formats may carry).
+struct ModuleFormats {
+    const char* name;
+    std::vector<std::string> exts;
+    bool (*starts)(std::string_view head);
+};
+
+bool at(std::string_view head, size_t offset, std::string_view magic) {
+    return head.size() >= offset + magic.size() && head.substr(offset, magic.size()) == magic;
+}
+// The first page of an Ogg stream holds its first codec header.
+bool oggCarries(std::string_view head, std::string_view codec) {
+    return at(head, 0, "OggS") && head.substr(0, std::min<size_t>(head.size(), 256)).find(codec) != std::string_view::npos;
+}
+
+const std::vector<ModuleFormats>& moduleFormats() {
+    static const std::vector<ModuleFormats> table = {
+        {"bassflac", {"flac", "fla", "oga"}, [](std::string_view h) { return at(h, 0, "fLaC") || oggCarries(h, "\x7F" "FLAC"); }},
+        {"basswv", {"wv"}, [](std::string_view h) { return at(h, 0, "wvpk"); }},
+        {"bassopus", {"opus"}, [](std::string_view h) { return oggCarries(h, "OpusHead"); }},
+        {"bassdsd", {"dsf", "dff"}, [](std::string_view h) { return at(h, 0, "DSD ") || at(h, 0, "FRM8"); }},
+        {"bassape", {"ape", "apl"}, [](std::string_view h) { return at(h, 0, "MAC "); }},
+        {"basswebm", {"webm", "weba", "mka", "mkv"}, [](std::string_view h) { return at(h, 0, "\x1A\x45\xDF\xA3"); }},
+        {"basshls", {"m3u8"}, [](std::string_view h) { return at(h, 0, "#EXTM3U") && h.find("#EXT-X-") != std::string_view::npos; }},
+        {"bassmidi", {"mid", "midi", "rmi", "kar"}, [](std::string_view h) { return at(h, 0, "MThd") || (at(h, 0, "RIFF") && at(h, 8, "RMID")); }},
+        {"bass_mpc", {"mpc", "mpp", "mp+"}, [](std::string_view h) { return at(h, 0, "MPCK") || at(h, 0, "MP+"); }},
+        {"bass_tta", {"tta"}, [](std::string_view h) { return at(h, 0, "TTA1"); }},
+    };
+    return table;
+}
+
+// The file's first bytes, past an ID3v2 tag; empty when it cannot be read.
+std::string fileHead(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) return {};
+    std::string head(4096, '\0');
+    size_t n = std::fread(head.data(), 1, head.size(), f);
+    if (n >= 10 && head.compare(0, 3, "ID3") == 0) {
+        const auto b = [&](size_t i) { return static_cast<long>(static_cast<unsigned char>(head[i]) & 0x7F); };
+        const long size = 10 + (b(6) << 21 | b(7) << 14 | b(8) << 7 | b(9)) + ((head[5] & 0x10) ? 10 : 0);
+        n = std::fseek(f, size, SEEK_SET) == 0 ? std::fread(head.data(), 1, head.size(), f) : 0;
+    }
+    std::fclose(f);
+    head.resize(n);
+    return head;
+}
+
+} // namespace
+
+// The fixed list, in the order loadAllPlugins loads it.
+const std::vector<std::string>& TavroEngine::pluginNames() {
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> v;
+        for (const auto& m : moduleFormats()) v.push_back(m.name);
+        return v;
+    }();
+    return names;
+}
+
+std::string TavroEngine::pluginForFile(const std::string& path) {
+    const std::string head = fileHead(path);
+    for (const auto& m : moduleFormats())
+        if (m.starts(head)) return m.name;
+    const size_t dot = path.find_last_of('.');
+    if (dot == std::string::npos || path.find('/', dot) != std::string::npos) return {};
+    std::string ext = path.substr(dot + 1);
+    for (auto& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (const auto& m : moduleFormats())
+        if (std::find(m.exts.begin(), m.exts.end(), ext) != m.exts.end()) return m.name;
+    return {};
 }
 
 std::vector<std::string> TavroEngine::builtInPlaybackFileExtensions() {

@@ -161,6 +161,18 @@ class TAVRO_API TavroEngine {
     void loadAllPlugins();
     std::map<std::string, uint32_t> loadedPlugins() const { return plugins_; }
     static std::vector<std::string> builtInPlaybackFileExtensions();
+    /// The module of pluginNames() that plays the file at path, or "" when it needs none or is not a
+    /// format any module knows. Judged by the file's first bytes, then, for a file that cannot be read
+    /// or is not recognised, by its extension. A file of a plug-in format whose module is not loaded
+    /// fails to open with code 41, "Unsupported file format", like one that is no audio at all; this
+    /// tells the two apart:
+    /// @code
+    /// if (error.code() == BASS_ERROR_FILEFORM) {
+    ///     const std::string module = TavroEngine::pluginForFile(path);
+    ///     if (!module.empty() && !engine->loadedPlugins().count(module)) { /* say: load module */ }
+    /// }
+    /// @endcode
+    static std::string pluginForFile(const std::string& path);
     /// @}
     /// Built-in and plug-in extensions, lower case, without dot, sorted.
     std::vector<std::string> supportedPlaybackFileExtensions() const;

@@ -103,20 +103,23 @@ class Updater {
 
     void run(unsigned index) {
         raiseAudioThreadPriority();
+        // Both keep their capacity from pass to pass: a pass allocates
+        // nothing once they have grown to the number of channels.
+        std::vector<std::shared_ptr<Device>> devices;
         std::vector<std::shared_ptr<Channel>> work;
         uint64_t seen = 0;
         for (;;) {
             const unsigned threads = wanted();
-            work.clear();
-            for (auto& d : Device::all()) {
-                auto chans = d->attachedChannels();
-                work.insert(work.end(), chans.begin(), chans.end());
-            }
+            Device::all(devices);
+            for (auto& d : devices)
+                d->appendChannels(work, [&](const Channel& c) {
+                    return c.handle() % threads == index && c.state() == ChannelState::Playing;
+                });
+            devices.clear();
             const DWORD bufferMs = Config::value(BASS_CONFIG_BUFFER);
             const int64_t start = monotonicNs();
             bool playing = false;
             for (auto& ch : work) {
-                if (ch->handle() % threads != index) continue;
                 if (ch->state() != ChannelState::Playing || ch->isFreed()) continue;
                 playing = true; // an ended one still plays out its ring
                 if (!ch->ended()) ch->fillRing(ch->ringTarget());
@@ -375,11 +378,16 @@ std::shared_ptr<Device> Device::unregisterCurrent() {
 }
 
 std::vector<std::shared_ptr<Device>> Device::all() {
+    std::vector<std::shared_ptr<Device>> out;
+    all(out);
+    return out;
+}
+
+void Device::all(std::vector<std::shared_ptr<Device>>& out) {
+    out.clear();
     Registry& r = registry();
     std::lock_guard lock(r.mutex);
-    std::vector<std::shared_ptr<Device>> out;
     for (auto& [n, d] : r.devices) out.push_back(d);
-    return out;
 }
 
 void Device::watchSlides(const std::shared_ptr<Channel>& ch) {

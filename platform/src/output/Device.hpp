@@ -85,6 +85,13 @@ class Device : public std::enable_shared_from_this<Device> {
     void attach(const std::shared_ptr<Channel>& ch);
     void detach(Channel& ch);
     std::vector<std::shared_ptr<Channel>> attachedChannels();
+    // Appends the attached channels that `take` accepts to `out`, whose
+    // capacity is kept by the caller: nothing is allocated once it has grown.
+    template <class Pred> void appendChannels(std::vector<std::shared_ptr<Channel>>& out, Pred take) {
+        std::lock_guard lock(writerMutex_);
+        for (auto& c : owners_)
+            if (take(*c)) out.push_back(c);
+    }
 
     bool startOutput();
     void stopOutput();
@@ -98,6 +105,7 @@ class Device : public std::enable_shared_from_this<Device> {
     static void setCurrent(int number);
     static std::shared_ptr<Device> unregisterCurrent();
     static std::vector<std::shared_ptr<Device>> all();
+    static void all(std::vector<std::shared_ptr<Device>>& out); // replaces out's contents, keeps its capacity
 
     // Channels with slides in progress, for the sync thread.
     static void watchSlides(const std::shared_ptr<Channel>& ch);

@@ -52,7 +52,14 @@ class FileStream final : public Channel {
     }
 
     std::unique_ptr<Decoder> dec_;
-    std::vector<float> pending_; // decoded frames not yet handed out
+    // Grown before the converter writes into it: left uninitialised, as
+    // zeroing it first would be one more pass over every decoded sample.
+    template <class T> struct Uninitialised : std::allocator<T> {
+        template <class U> struct rebind { using other = Uninitialised<U>; };
+        template <class U> void construct(U* p) noexcept { ::new (static_cast<void*>(p)) U; }
+        template <class U, class... A> void construct(U* p, A&&... a) { ::new (static_cast<void*>(p)) U(std::forward<A>(a)...); }
+    };
+    std::vector<float, Uninitialised<float>> pending_; // decoded frames not yet handed out
     size_t pendingPos_ = 0;      // in frames
     uint64_t nextSample_ = 0;    // sample index of the next decoded frame's start
     bool knowPosition_ = true;   // false until a frame after a seek tells its index

@@ -7,6 +7,7 @@
 #include <bass_fx.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <future>
 
@@ -46,15 +47,19 @@ class HostileMediaTest : public MediaTest {
     }
 
     // Decodes in 16-bit, in reads whose buffers are exactly as long as asked
-    // (an over-long write shows under AddressSanitizer); returns frames.
-    static size_t decode16(HSTREAM h, DWORD chans) {
+    // (an over-long write shows under AddressSanitizer); returns frames, and
+    // the RMS level (full scale 1) in `rms` when given.
+    static size_t decode16(HSTREAM h, DWORD chans, double* rms = nullptr) {
         size_t frames = 0;
+        double squares = 0;
         for (int i = 0; i < 100000; ++i) {
             std::vector<int16_t> buf(1000 * chans);
             const DWORD got = BASS_ChannelGetData(h, buf.data(), static_cast<DWORD>(buf.size() * 2));
             if (got == 0xFFFFFFFF || got == 0) break;
             frames += got / (2 * chans);
+            for (size_t k = 0; k < got / 2; ++k) squares += (buf[k] / 32768.0) * (buf[k] / 32768.0);
         }
+        if (rms) *rms = frames ? std::sqrt(squares / static_cast<double>(frames * chans)) : 0.0;
         return frames;
     }
 };
@@ -76,6 +81,9 @@ TEST_F(HostileMediaTest, FormatChangesMidStreamKeepTheAnnouncedFormat) {
         {"cat.ogg", "stereo.wav", "mono22k.wav", "-c:a libvorbis", 2, kRate + kRate / 5},
         {"cat.opus", "stereo.wav", "mono.wav", "-c:a libopus -ar 48000", 2, 48000 + 48000 / 2},
         {"six-two.ogg", "six.wav", "stereo.wav", "-c:a libvorbis", 6, kRate},
+        // A decoder made for one Opus link's channels cannot decode another's.
+        {"six-two.opus", "six.wav", "stereo.wav", "-c:a libopus -ar 48000", 6, 48000},
+        {"two-six.opus", "stereo.wav", "six.wav", "-c:a libopus -ar 48000", 2, 48000 + 48000 / 4},
         {"cat.flac", "stereo.wav", "mono.wav", "-c:a flac", 2, kRate},
     };
     for (const auto& c : cases) {
@@ -88,7 +96,10 @@ TEST_F(HostileMediaTest, FormatChangesMidStreamKeepTheAnnouncedFormat) {
             ASSERT_TRUE(BASS_ChannelGetInfo(h, &info));
             const DWORD chans = flags ? 1 : c.chans;
             EXPECT_EQ(info.chans, chans);
-            EXPECT_GE(decode16(h, chans), c.minFrames);
+            double rms = 0;
+            EXPECT_GE(decode16(h, chans, &rms), c.minFrames);
+            // The sources' level, not noise near full scale.
+            EXPECT_LT(rms, 0.6);
             // And back to the start, to decode the same again.
             EXPECT_TRUE(BASS_ChannelSetPosition(h, 0, BASS_POS_BYTE));
             EXPECT_GE(decode16(h, chans), c.minFrames);

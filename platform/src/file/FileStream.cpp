@@ -241,6 +241,17 @@ struct Decoder {
     };
     std::vector<IndexEntry> index;
     bool exact = true; // the sample count is known exactly (not an estimate after a seek)
+    // The codec header the decoder was opened with. In a chained Ogg file the
+    // demuxer puts each link's header in the stream's parameters as it reaches
+    // the link; a decoder made for another link's channels cannot decode it
+    // (an Opus decoder for stereo makes noise of a 5.1 link, one for 5.1
+    // drops a stereo link), so a new header gets a new decoder.
+    std::vector<uint8_t> linkHeader;
+    bool linkChanged() const {
+        const AVCodecParameters* par = fmt->streams[stream]->codecpar;
+        return static_cast<size_t>(std::max(0, par->extradata_size)) != linkHeader.size() ||
+               (par->extradata_size > 0 && std::memcmp(par->extradata, linkHeader.data(), linkHeader.size()) != 0);
+    }
     int seekRetries = 0;
     int64_t firstPacketPos = -1; // where the first audio packet starts (the way back to sample 0)
     // Its timestamp: priming packets (the encoder delay of AAC in MP4) lie
@@ -259,7 +270,9 @@ struct Decoder {
     bool openCodec() {
         avcodec_free_context(&codec);
         codec = avcodec_alloc_context3(codecDef);
-        if (!codec || avcodec_parameters_to_context(codec, fmt->streams[stream]->codecpar) < 0) return false;
+        const AVCodecParameters* par = fmt->streams[stream]->codecpar;
+        linkHeader.assign(par->extradata, par->extradata + std::max(0, par->extradata_size));
+        if (!codec || avcodec_parameters_to_context(codec, par) < 0) return false;
         codec->pkt_timebase = fmt->streams[stream]->time_base;
         codec->flags2 |= AV_CODEC_FLAG2_SKIP_MANUAL;
         return avcodec_open2(codec, codecDef, nullptr) >= 0;
@@ -599,6 +612,12 @@ bool FileStream::decodeFrame() {
         if (d.pkt->stream_index == d.stream) {
             if (d.firstPacketPos < 0) d.firstPacketPos = d.pkt->pos;
             if (d.firstPacketTs == AV_NOPTS_VALUE) d.firstPacketTs = d.pkt->dts != AV_NOPTS_VALUE ? d.pkt->dts : d.pkt->pts;
+            // The previous link's frames have all been received: the decoder
+            // is only asked for a packet once it has none left to give.
+            if (d.chained && d.linkChanged() && !d.openCodec()) {
+                av_packet_unref(d.pkt);
+                return false;
+            }
             avcodec_send_packet(d.codec, d.pkt); // bad packets are skipped
         }
         av_packet_unref(d.pkt);

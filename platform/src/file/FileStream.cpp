@@ -368,6 +368,9 @@ struct Decoder {
         swrInFormat = -1;
         int err = swr_alloc_set_opts2(&swr, &outLayout, AV_SAMPLE_FMT_FLT, rate, &in,
                                       static_cast<AVSampleFormat>(f->format), inRate, 0, nullptr);
+        // A surround part folded into fewer channels is scaled so that its
+        // sum cannot pass full scale: the output would clip it.
+        if (err >= 0 && outLayout.nb_channels < in.nb_channels) err = av_opt_set_double(swr, "rematrix_maxval", 1.0, 0);
         if (err >= 0 && outLayout.nb_channels == 1 && in.nb_channels > 1) {
             // Mono is the average of all channels, not the library's surround downmix.
             std::vector<double> matrix(static_cast<size_t>(in.nb_channels), 1.0 / in.nb_channels);

@@ -6,6 +6,7 @@
 #include "core/Error.hpp"
 #include "output/Device.hpp"
 #include "output/Voice.hpp"
+#include "runtime/RealTime.hpp"
 #include "runtime/SyncThread.hpp"
 
 #include <algorithm>
@@ -127,6 +128,7 @@ std::shared_ptr<const std::vector<std::shared_ptr<SyncEntry>>> Channel::syncSnap
 }
 
 void Channel::runDsps(const std::vector<std::shared_ptr<DspEntry>>& dsps, float* buf, size_t frames) {
+    RealTimeScope rt;
     for (const auto& d : dsps)
         if (!d->removed.load(std::memory_order_acquire)) d->process(*this, buf, frames);
 }

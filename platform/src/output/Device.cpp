@@ -6,6 +6,7 @@
 #include "core/Handles.hpp"
 #include "output/PulseDirectory.hpp"
 #include "output/Voice.hpp"
+#include "runtime/RealTime.hpp"
 #include "runtime/SyncThread.hpp"
 
 #include <algorithm>
@@ -187,6 +188,7 @@ std::shared_ptr<Device> Device::open(int number, DWORD rate, DWORD flags) {
 }
 
 void Device::render(float* out, size_t frames, int64_t delayNs) {
+    RealTimeScope rt;
     callbackSeq_.fetch_add(1, std::memory_order_acq_rel);
     std::fill(out, out + frames * 2, 0.0f);
     const std::vector<Channel*>* list = live_.load(std::memory_order_acquire);

@@ -343,10 +343,19 @@ TEST_F(SoundServerTest, SeeksOnAPlayingStreamNeverDropOut) {
     const double stopAt = TimedRecorder::now();
     ASSERT_TRUE(BASS_ChannelStop(h));
     ASSERT_TRUE(BASS_ChannelPlay(h, FALSE));
+    // Stopped is stopped: if this thread lost the processor between the two
+    // calls, the output rightly played that long without the channel.
+    const double stopped = TimedRecorder::now() - stopAt;
     const auto runs = signalRuns(rec.finish(), 240);
     BASS_StreamFree(h);
-    EXPECT_EQ(runs.size(), 1u) << "the sound stopped " << (runs.empty() ? 0 : runs.size() - 1) << " times";
-    for (size_t i = 1; i < runs.size(); ++i)
-        std::printf("gap of %.1f ms, %.0f ms before the stop and play\n", static_cast<double>(runs[i].first - runs[i - 1].second) / 48,
-                    (stopAt - rec.timeOf(static_cast<double>(runs[i - 1].second))) * 1000);
+    size_t gaps = 0;
+    for (size_t i = 1; i < runs.size(); ++i) {
+        const double gap = static_cast<double>(runs[i].first - runs[i - 1].second) / 48000;
+        const double before = stopAt - rec.timeOf(static_cast<double>(runs[i - 1].second));
+        const bool caller = std::abs(before) < 0.1 && gap < stopped + 0.0015;
+        gaps += caller ? 0 : 1;
+        std::printf("gap of %.1f ms, %.0f ms before the stop and play%s\n", gap * 1000, before * 1000,
+                    caller ? " (the calls were that far apart)" : "");
+    }
+    EXPECT_EQ(gaps, 0u) << "the sound stopped " << gaps << " times";
 }

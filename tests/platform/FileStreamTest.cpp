@@ -307,3 +307,46 @@ TEST_F(FileStreamTest, BadFilesFailCleanlyWithTheirErrors) {
     EXPECT_LT(pcm.size() / 2, kFrames * 2 / 3);
     BASS_StreamFree(h);
 }
+
+// A chained Ogg file: every link decodes as it would alone (a decoder of its
+// own, nothing carried over from the link before), and a seek into any link,
+// onto a link's first frame included, lands on the frame the whole decode has
+// there, without decoding the links before it.
+TEST_F(FileStreamTest, ChainedOggLinksDecodeAsAloneAndSeeksLandInThem) {
+    ASSERT_NE(BASS_PluginLoad("bassopus", 0), 0u);
+    for (const char* args : {"-c:a libvorbis", "-c:a libopus"}) {
+        SCOPED_TRACE(args);
+        std::vector<float> alone;
+        std::vector<uint8_t> chain;
+        std::vector<size_t> starts;
+        for (size_t k = 0; k < 3; ++k) {
+            const size_t from = k * kRate / 2, frames = kRate * (5 + 3 * k) / 10; // 0.5, 0.8, 1.1 s
+            const std::string wav = media_->path("link.wav");
+            writeWav16(wav, std::vector<float>(source_.begin() + from * kChans, source_.begin() + (from + frames) * kChans), kRate, kChans);
+            const std::string link = media_->encode(wav, "link" + std::to_string(k) + ".ogg", args);
+            HSTREAM h = open(link);
+            ASSERT_NE(h, 0u);
+            starts.push_back(alone.size() / kChans);
+            const auto part = decodeAll(h, kChans);
+            BASS_StreamFree(h);
+            alone.insert(alone.end(), part.begin(), part.end());
+            const auto bytes = readFile(link);
+            chain.insert(chain.end(), bytes.begin(), bytes.end());
+        }
+        const std::string path = media_->path("chained.ogg");
+        writeFile(path, chain);
+        HSTREAM h = open(path);
+        ASSERT_NE(h, 0u);
+        EXPECT_EQ(BASS_ChannelGetLength(h, BASS_POS_BYTE), alone.size() * 4);
+        const auto whole = decodeAll(h, kChans);
+        ASSERT_EQ(whole.size(), alone.size());
+        for (size_t i = 0; i < whole.size(); ++i) ASSERT_EQ(whole[i], alone[i]) << "sample " << i;
+        for (size_t frame : {starts[2] + 1234, starts[1], starts[0] + 100, starts[2], starts[1] + kRate / 3, starts[2] - 1}) {
+            ASSERT_TRUE(BASS_ChannelSetPosition(h, frame * kChans * 4, BASS_POS_BYTE));
+            float got[1024];
+            ASSERT_EQ(BASS_ChannelGetData(h, got, sizeof got | BASS_DATA_FLOAT), sizeof got);
+            for (size_t i = 0; i < 1024; ++i) ASSERT_EQ(got[i], whole[frame * kChans + i]) << "at frame " << frame << ", sample " << i;
+        }
+        BASS_StreamFree(h);
+    }
+}

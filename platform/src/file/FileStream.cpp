@@ -133,6 +133,8 @@ std::string apeTags(MediaInput& in, bool hasId3v1) {
 struct OggLinks {
     int count = 0;
     int64_t frames = -1; // all links at the given rate; -1 when one cannot be measured
+    std::vector<int64_t> bytes;  // where each link's first page is
+    std::vector<int64_t> starts; // its first frame in the stream; empty when one cannot be measured
 };
 
 OggLinks oggLinks(MediaInput& in, int rate) {
@@ -143,7 +145,7 @@ OggLinks oggLinks(MediaInput& in, int rate) {
         int64_t preSkip = 0, last = -1;
     } cur;
     bool open = false, measured = true, groupHasAudio = false, prevBos = false;
-    int64_t total = 0;
+    int64_t total = 0, groupAt = 0;
     auto close = [&] {
         if (!open) return;
         const int64_t n = cur.last < 0 ? -1 : av_rescale(std::max<int64_t>(0, cur.last - cur.preSkip), rate, cur.rate);
@@ -181,7 +183,10 @@ OggLinks oggLinks(MediaInput& in, int rate) {
         const uint8_t* b = p + 27 + segs;
         const size_t have = std::min(body, avail - 27 - segs);
         if (flags & 0x02) { // beginning of a stream: its identification header starts the body
-            if (!prevBos) groupHasAudio = false; // a new group of streams: the next link
+            if (!prevBos) {
+                groupHasAudio = false; // a new group of streams: the next link
+                groupAt = pos;
+            }
             int linkRate = 0;
             int64_t preSkip = 0;
             if (have >= 16 && b[0] == 1 && std::memcmp(b + 1, "vorbis", 6) == 0) {
@@ -196,6 +201,8 @@ OggLinks oggLinks(MediaInput& in, int rate) {
                 cur = Link{serial, linkRate, preSkip, -1};
                 open = true;
                 ++out.count;
+                out.bytes.push_back(groupAt);
+                out.starts.push_back(total);
             }
         } else if (open && serial == cur.serial && granule >= 0) {
             cur.last = granule;
@@ -205,6 +212,7 @@ OggLinks oggLinks(MediaInput& in, int rate) {
     }
     close();
     if (measured && out.count > 0) out.frames = total;
+    else out.starts.clear();
     return out;
 }
 
@@ -241,16 +249,25 @@ struct Decoder {
     };
     std::vector<IndexEntry> index;
     bool exact = true; // the sample count is known exactly (not an estimate after a seek)
-    // The codec header the decoder was opened with. In a chained Ogg file the
-    // demuxer puts each link's header in the stream's parameters as it reaches
-    // the link; a decoder made for another link's channels cannot decode it
-    // (an Opus decoder for stereo makes noise of a 5.1 link, one for 5.1
-    // drops a stereo link), so a new header gets a new decoder.
-    std::vector<uint8_t> linkHeader;
-    bool linkChanged() const {
-        const AVCodecParameters* par = fmt->streams[stream]->codecpar;
-        return static_cast<size_t>(std::max(0, par->extradata_size)) != linkHeader.size() ||
-               (par->extradata_size > 0 && std::memcmp(par->extradata, linkHeader.data(), linkHeader.size()) != 0);
+    // A chained Ogg file's links: where each starts in the file and in the
+    // stream (empty when a link's length could not be measured), and the link
+    // the decoder was made for. The demuxer puts each link's header in the
+    // stream's parameters as it reaches the link; every link gets a decoder
+    // of its own, made from that header: one made for another link's channels
+    // cannot decode it (an Opus decoder for stereo makes noise of a 5.1 link,
+    // one for 5.1 drops a stereo link), and a link starts with no overlap
+    // from the one before.
+    std::vector<int64_t> linkBytes, linkStarts;
+    // FFmpeg counts a Vorbis stream's first packet as 128 or more samples it
+    // never outputs, so the padding it has cut from the last packet is that
+    // much too long and the last samples of the stream were lost. Where the
+    // length is known from the granule positions (all of the stream, or each
+    // link), the stream is cut there instead.
+    bool endByLength = false;
+    size_t link = 0;
+    size_t linkAt(int64_t bytePos) const {
+        const auto it = std::upper_bound(linkBytes.begin(), linkBytes.end(), bytePos);
+        return it == linkBytes.begin() ? 0 : static_cast<size_t>(it - linkBytes.begin()) - 1;
     }
     int seekRetries = 0;
     int64_t firstPacketPos = -1; // where the first audio packet starts (the way back to sample 0)
@@ -270,9 +287,7 @@ struct Decoder {
     bool openCodec() {
         avcodec_free_context(&codec);
         codec = avcodec_alloc_context3(codecDef);
-        const AVCodecParameters* par = fmt->streams[stream]->codecpar;
-        linkHeader.assign(par->extradata, par->extradata + std::max(0, par->extradata_size));
-        if (!codec || avcodec_parameters_to_context(codec, par) < 0) return false;
+        if (!codec || avcodec_parameters_to_context(codec, fmt->streams[stream]->codecpar) < 0) return false;
         codec->pkt_timebase = fmt->streams[stream]->time_base;
         codec->flags2 |= AV_CODEC_FLAG2_SKIP_MANUAL;
         return avcodec_open2(codec, codecDef, nullptr) >= 0;
@@ -291,8 +306,22 @@ struct Decoder {
         else if (!reopen())
             return;
         if (!openCodec() && codec) avcodec_flush_buffers(codec);
+        link = 0;
         draining = false;
     }
+
+    // To link k of a chained file: a demuxer opened on the file from the
+    // link's first page on reads it as the first (a byte seek would make it
+    // a second stream), and the later links as it reads on. Positions come
+    // from the links' lengths, not from the demuxer's timestamps.
+    bool seekToLink(size_t k) {
+        if (!reopen(linkBytes[k]) || !openCodec()) return false;
+        link = k;
+        draining = false;
+        return true;
+    }
+    // Where a packet lies in the whole file.
+    int64_t filePos(const AVPacket* p) const { return p->pos < 0 ? -1 : p->pos + input->view(); }
 
     // A timestamp seek that goes back at least to `ts`.
     void seekBefore(int64_t ts) {
@@ -304,10 +333,11 @@ struct Decoder {
     // after a seek with wrong timestamps; and in a chained file a timestamp
     // seek can land in any link. A demuxer opened afresh stands at the first page and
     // seeks right. Without a demuxer the stream ends (no decoder).
-    bool reopen() {
+    bool reopen(int64_t fromByte = 0) {
         const AVInputFormat* f = fmt->iformat;
         const int64_t start = streamStart();
         avformat_close_input(&fmt);
+        if (fromByte != input->view()) input->setView(fromByte);
         AVIOContext* pb = input->avio();
         fmt = avformat_alloc_context();
         if (fmt && pb && avio_seek(pb, 0, SEEK_SET) == 0) {
@@ -342,7 +372,7 @@ struct Decoder {
         bool marked = false;
         if (const AVFrameSideData* sd = av_frame_get_side_data(f, AV_FRAME_DATA_SKIP_SAMPLES); sd && sd->size >= 8) {
             start = le32(sd->data);
-            end = le32(sd->data + 4);
+            end = endByLength ? 0 : le32(sd->data + 4);
             marked = start > 0;
         }
         if (!atStart) {
@@ -472,14 +502,24 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
         len = av_rescale_q(d.fmt->duration, AV_TIME_BASE_Q, AVRational{1, d.rate});
     // A duration guessed from the bit rate is no end to stop at; a declared
     // one is (it cuts codec padding that the container trims, as in MP4).
-    const bool estimated = d.fmt->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE || d.family.mpegAudio ||
+    bool estimated = d.fmt->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE || d.family.mpegAudio ||
                            d.family.ctype == BASS_CTYPE_STREAM_AAC || d.family.ctype == BASS_CTYPE_STREAM_AC3;
     if (formatIs(d.fmt->iformat, "ogg") && (s->codecpar->codec_id == AV_CODEC_ID_VORBIS || s->codecpar->codec_id == AV_CODEC_ID_OPUS)) {
         d.ogg = true;
         const OggLinks links = oggLinks(*d.input, d.rate);
+        const bool vorbis = s->codecpar->codec_id == AV_CODEC_ID_VORBIS;
+        // Lengths counted from the granule positions are exact, whatever
+        // the demuxer made of the duration.
+        if (links.frames >= 0 && (links.count > 1 || vorbis)) estimated = false;
         if (links.count > 1) {
             d.chained = true;
             len = links.frames;
+            d.linkBytes = links.bytes;
+            d.linkStarts = links.starts;
+            d.endByLength = vorbis && !d.linkStarts.empty();
+        } else if (vorbis && links.frames > 0) {
+            len = links.frames; // the last granule position: every sample, the last ones included
+            d.endByLength = true;
         } else if (len > 0) {
             // The last granule position counts the Opus pre-skip too.
             len = std::max<int64_t>(0, len - std::max(0, s->codecpar->initial_padding));
@@ -588,7 +628,12 @@ bool FileStream::decodeFrame() {
             }
             const size_t oc = static_cast<size_t>(d.outChans);
             const size_t head = std::min<size_t>(skipStart, static_cast<size_t>(got));
-            const size_t keep = static_cast<size_t>(got) - head - std::min<size_t>(skipEnd, static_cast<size_t>(got) - head);
+            size_t keep = static_cast<size_t>(got) - head - std::min<size_t>(skipEnd, static_cast<size_t>(got) - head);
+            // A link of a chained file ends where the next one starts.
+            if (d.chained && d.link + 1 < d.linkStarts.size()) {
+                const auto end = static_cast<uint64_t>(d.linkStarts[d.link + 1]);
+                keep = nextSample_ >= end ? 0 : static_cast<size_t>(std::min<uint64_t>(keep, end - nextSample_));
+            }
             pending_.resize(base + (head + keep) * oc);
             pending_.erase(pending_.begin() + static_cast<std::ptrdiff_t>(base),
                            pending_.begin() + static_cast<std::ptrdiff_t>(base + head * oc));
@@ -617,9 +662,12 @@ bool FileStream::decodeFrame() {
             if (d.firstPacketTs == AV_NOPTS_VALUE) d.firstPacketTs = d.pkt->dts != AV_NOPTS_VALUE ? d.pkt->dts : d.pkt->pts;
             // The previous link's frames have all been received: the decoder
             // is only asked for a packet once it has none left to give.
-            if (d.chained && d.linkChanged() && !d.openCodec()) {
-                av_packet_unref(d.pkt);
-                return false;
+            if (d.chained && d.pkt->pos >= 0 && d.linkAt(d.filePos(d.pkt)) != d.link) {
+                d.link = d.linkAt(d.filePos(d.pkt));
+                if (!d.openCodec()) {
+                    av_packet_unref(d.pkt);
+                    return false;
+                }
             }
             avcodec_send_packet(d.codec, d.pkt); // bad packets are skipped
         }
@@ -726,7 +774,20 @@ void FileStream::restartAt(uint64_t frame) {
             return;
         }
     }
-    if (d.chained) frame = 0; // a link's timestamps say nothing about where it is in the file
+    if (d.chained) {
+        // A link's timestamps say nothing about where it is in the file: go
+        // to the start of the link that holds the frame (known when every
+        // link was measured), or of the file, and decode forward from there.
+        const auto it = std::upper_bound(d.linkStarts.begin(), d.linkStarts.end(), static_cast<int64_t>(frame));
+        const size_t k = it == d.linkStarts.begin() ? 0 : static_cast<size_t>(it - d.linkStarts.begin()) - 1;
+        if (k > 0 && d.seekToLink(k)) {
+            nextSample_ = static_cast<uint64_t>(d.linkStarts[k]);
+            knowPosition_ = true;
+            d.exact = true;
+            return;
+        }
+        frame = 0;
+    }
     if (frame == 0) {
         d.rewind();
         discardUntil_ = target;

@@ -7,6 +7,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
@@ -48,13 +49,13 @@ MediaInput::~MediaInput() {
 }
 
 int MediaInput::read(uint8_t* buf, int n) {
-    const int64_t left = size_ - pos_;
+    const int64_t left = size_ - view_ - pos_;
     if (left <= 0) return AVERROR_EOF;
     n = static_cast<int>(std::min<int64_t>(n, left));
     if (mem_) {
-        std::memcpy(buf, mem_ + pos_, static_cast<size_t>(n));
+        std::memcpy(buf, mem_ + view_ + pos_, static_cast<size_t>(n));
     } else {
-        if (fseeko(file_, base_ + pos_, SEEK_SET) != 0) return AVERROR(EIO);
+        if (fseeko(file_, base_ + view_ + pos_, SEEK_SET) != 0) return AVERROR(EIO);
         n = static_cast<int>(std::fread(buf, 1, static_cast<size_t>(n), file_));
         if (n <= 0) return AVERROR_EOF;
     }
@@ -64,10 +65,10 @@ int MediaInput::read(uint8_t* buf, int n) {
 
 int64_t MediaInput::seek(int64_t pos, int whence) {
     whence &= ~AVSEEK_FORCE;
-    if (whence == AVSEEK_SIZE) return size_;
+    if (whence == AVSEEK_SIZE) return size_ - view_;
     int64_t next = pos;
     if (whence == SEEK_CUR) next = pos_ + pos;
-    else if (whence == SEEK_END) next = size_ + pos;
+    else if (whence == SEEK_END) next = size_ - view_ + pos;
     if (next < 0) return AVERROR(EINVAL);
     pos_ = next;
     return pos_;
@@ -84,6 +85,15 @@ std::vector<uint8_t> MediaInput::readAt(int64_t pos, size_t n) {
         out.clear();
     }
     return out;
+}
+
+void MediaInput::setView(int64_t start) {
+    view_ = std::clamp<int64_t>(start, 0, size_);
+    pos_ = 0;
+    if (avio_) {
+        av_freep(&avio_->buffer);
+        avio_context_free(&avio_);
+    }
 }
 
 AVIOContext* MediaInput::avio() {

@@ -34,12 +34,19 @@ class MediaInput {
 
     // A demuxer context reading this input (owned here).
     AVIOContext* avio();
+    // Shows the demuxer the input from `start` on, as if it began there
+    // (readAt keeps absolute offsets). The demuxer context is made anew: one
+    // made before may hold bytes of the old view. Close any demuxer reading
+    // through it first.
+    void setView(int64_t start);
+    int64_t view() const { return view_; }
 
   private:
     MediaInput() = default;
     FILE* file_ = nullptr;
     const uint8_t* mem_ = nullptr;
-    int64_t base_ = 0, size_ = 0, pos_ = 0;
+    int64_t base_ = 0, size_ = 0, pos_ = 0; // pos_ is within the view
+    int64_t view_ = 0;
     AVIOContext* avio_ = nullptr;
 };
 

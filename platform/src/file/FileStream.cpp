@@ -286,6 +286,13 @@ struct Decoder {
     // stream only, and a decoder that has just been flushed for a seek cannot tell.
     bool openCodec() {
         avcodec_free_context(&codec);
+        // A link of a chained Ogg file may carry another codec (Vorbis, then Opus).
+        const AVCodecID id = fmt->streams[stream]->codecpar->codec_id;
+        if (chained && codecDef->id != id) {
+            const AVCodec* other = avcodec_find_decoder(id);
+            if (!other || (id != AV_CODEC_ID_VORBIS && id != AV_CODEC_ID_OPUS)) return false;
+            codecDef = other;
+        }
         codec = avcodec_alloc_context3(codecDef);
         if (!codec || avcodec_parameters_to_context(codec, fmt->streams[stream]->codecpar) < 0) return false;
         codec->pkt_timebase = fmt->streams[stream]->time_base;
@@ -648,7 +655,12 @@ bool FileStream::decodeFrame() {
             }
             return true;
         }
-        if (r == AVERROR_EOF) return false;
+        if (r == AVERROR_EOF) {
+            // The demuxer stopped before the last link of a chained file (it
+            // does not follow a link of another codec): on from the next one.
+            if (d.chained && d.link + 1 < d.linkBytes.size() && d.seekToLink(d.link + 1)) continue;
+            return false;
+        }
         if (r != AVERROR(EAGAIN)) continue; // a broken frame: skip it
         if (d.draining) return false;
         r = av_read_frame(d.fmt, d.pkt);

@@ -106,6 +106,21 @@ TEST_F(HostileMediaTest, FormatChangesMidStreamKeepTheAnnouncedFormat) {
             BASS_StreamFree(h);
         }
     }
+    // A chained file cut inside its last link (a download that broke off):
+    // it plays to where it can, and can still be sought back to the start.
+    {
+        auto bytes = readFile(media_->path("two-six.opus"));
+        const size_t first = readFile(media_->path("a-two-six.opus")).size();
+        bytes.resize(first + (bytes.size() - first) / 3);
+        writeFile(media_->path("cut.opus"), bytes);
+        HSTREAM h = BASS_StreamCreateFile(FALSE, media_->path("cut.opus").c_str(), 0, 0, BASS_STREAM_DECODE);
+        ASSERT_NE(h, 0u);
+        const size_t frames = decode16(h, 2);
+        EXPECT_GE(frames, 48000u);
+        ASSERT_TRUE(BASS_ChannelSetPosition(h, 0, BASS_POS_BYTE));
+        EXPECT_EQ(decode16(h, 2), frames);
+        BASS_StreamFree(h);
+    }
     // Played, the update thread renders through the change and the channel ends.
     const std::string mp3 = media_->path("cat.mp3");
     HSTREAM h = BASS_StreamCreateFile(FALSE, mp3.c_str(), 0, 0, BASS_SAMPLE_FLOAT);

@@ -264,6 +264,8 @@ struct Decoder {
     // length is known from the granule positions (all of the stream, or each
     // link), the stream is cut there instead.
     bool endByLength = false;
+    const AVInputFormat* reopenFormat = nullptr;
+    int64_t reopenStart = 0;
     size_t link = 0;
     size_t linkAt(int64_t bytePos) const {
         const auto it = std::upper_bound(linkBytes.begin(), linkBytes.end(), bytePos);
@@ -322,10 +324,15 @@ struct Decoder {
     // a second stream), and the later links as it reads on. Positions come
     // from the links' lengths, not from the demuxer's timestamps.
     bool seekToLink(size_t k) {
-        if (!reopen(linkBytes[k]) || !openCodec()) return false;
-        link = k;
         draining = false;
-        return true;
+        if (reopen(linkBytes[k]) && openCodec()) {
+            link = k;
+            return true;
+        }
+        // A link the demuxer cannot open (cut short): back at the start of
+        // the file, where the stream can still be sought.
+        if (reopen(0) && openCodec()) link = 0;
+        return false;
     }
     // Where a packet lies in the whole file.
     int64_t filePos(const AVPacket* p) const { return p->pos < 0 ? -1 : p->pos + input->view(); }
@@ -341,9 +348,15 @@ struct Decoder {
     // seek can land in any link. A demuxer opened afresh stands at the first page and
     // seeks right. Without a demuxer the stream ends (no decoder).
     bool reopen(int64_t fromByte = 0) {
-        const AVInputFormat* f = fmt->iformat;
-        const int64_t start = streamStart();
-        avformat_close_input(&fmt);
+        // What the demuxer was and where the stream starts outlive it: a
+        // reopen that fails can be tried again.
+        if (fmt) {
+            reopenFormat = fmt->iformat;
+            reopenStart = streamStart();
+            avformat_close_input(&fmt);
+        }
+        const AVInputFormat* f = reopenFormat;
+        const int64_t start = reopenStart;
         if (fromByte != input->view()) input->setView(fromByte);
         AVIOContext* pb = input->avio();
         fmt = avformat_alloc_context();

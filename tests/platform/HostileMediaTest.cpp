@@ -121,6 +121,23 @@ TEST_F(HostileMediaTest, FormatChangesMidStreamKeepTheAnnouncedFormat) {
         EXPECT_EQ(decode16(h, 2), frames);
         BASS_StreamFree(h);
     }
+    // A chained file whose second link also carries video: its sound plays,
+    // and a seek into it lands there.
+    {
+        const std::string av = media_->path("av.ogg");
+        ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -y -f lavfi -i testsrc=d=1:s=64x48:r=10 -i '" + media_->path("stereo.wav") +
+                               "' -c:v libtheora -c:a libvorbis '" + av + "'").c_str()), 0);
+        auto bytes = readFile(media_->encode(media_->path("stereo.wav"), "plain.ogg", "-c:a libvorbis"));
+        const auto second = readFile(av);
+        bytes.insert(bytes.end(), second.begin(), second.end());
+        writeFile(media_->path("then-av.ogg"), bytes);
+        HSTREAM h = BASS_StreamCreateFile(FALSE, media_->path("then-av.ogg").c_str(), 0, 0, BASS_STREAM_DECODE);
+        ASSERT_NE(h, 0u);
+        EXPECT_EQ(decode16(h, 2), 2 * kRate);
+        ASSERT_TRUE(BASS_ChannelSetPosition(h, BASS_ChannelSeconds2Bytes(h, 1.5), BASS_POS_BYTE));
+        EXPECT_EQ(decode16(h, 2), kRate / 2);
+        BASS_StreamFree(h);
+    }
     // Played, the update thread renders through the change and the channel ends.
     const std::string mp3 = media_->path("cat.mp3");
     HSTREAM h = BASS_StreamCreateFile(FALSE, mp3.c_str(), 0, 0, BASS_SAMPLE_FLOAT);

@@ -266,6 +266,7 @@ struct Decoder {
     bool endByLength = false;
     const AVInputFormat* reopenFormat = nullptr;
     int64_t reopenStart = 0;
+    int firstStream = -1; // the audio stream's index in the whole file
     size_t link = 0;
     size_t linkAt(int64_t bytePos) const {
         const auto it = std::upper_bound(linkBytes.begin(), linkBytes.end(), bytePos);
@@ -353,8 +354,10 @@ struct Decoder {
         if (fmt) {
             reopenFormat = fmt->iformat;
             reopenStart = streamStart();
+            if (firstStream < 0) firstStream = stream;
             avformat_close_input(&fmt);
         }
+        if (fromByte == 0) stream = firstStream;
         const AVInputFormat* f = reopenFormat;
         const int64_t start = reopenStart;
         if (fromByte != input->view()) input->setView(fromByte);
@@ -364,10 +367,18 @@ struct Decoder {
             fmt->pb = pb;
             fmt->flags |= AVFMT_FLAG_CUSTOM_IO;
             if (avformat_open_input(&fmt, nullptr, f, nullptr) < 0) fmt = nullptr; // freed by the failed open
-            else if (stream < static_cast<int>(fmt->nb_streams) && fmt->streams[stream]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
-                // Measured once, at open: the fresh demuxer has not looked for it.
-                fmt->streams[stream]->start_time = start;
-                return true;
+            else {
+                // A link of a chained file may hold other streams beside its
+                // audio (video): its audio stream is taken wherever it lies.
+                const auto audio = [&](int i) { return i >= 0 && i < static_cast<int>(fmt->nb_streams) && fmt->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO; };
+                if (!audio(stream) && fromByte > 0) stream = av_find_best_stream(fmt, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+                if (audio(stream)) {
+                    for (unsigned i = 0; i < fmt->nb_streams; ++i)
+                        if (static_cast<int>(i) != stream) fmt->streams[i]->discard = AVDISCARD_ALL;
+                    // Measured once, at open: the fresh demuxer has not looked for it.
+                    fmt->streams[stream]->start_time = start;
+                    return true;
+                }
             }
         }
         if (fmt) avformat_close_input(&fmt);

@@ -113,14 +113,18 @@ double median(std::vector<double> v) {
     return v.empty() ? 0 : v[v.size() / 2];
 }
 
-void decodeAgainstLibav(benchmark::State& state, const char* name, const char* args, const char* plugin) {
+// The platform on the no-sound device, the plug-in loaded and the file made; "" when it cannot be.
+std::string prepare(benchmark::State& state, const char* name, const char* args, const char* plugin) {
     BASS_Init(0, 48000, 0, nullptr, nullptr);
     if (plugin) BASS_PluginLoad(plugin, 0);
     const std::string path = makeFile(name, args, 300);
-    if (path.empty()) {
-        state.SkipWithError("could not make the test file");
-        return;
-    }
+    if (path.empty()) state.SkipWithError("could not make the test file");
+    return path;
+}
+
+void decodeAgainstLibav(benchmark::State& state, const char* name, const char* args, const char* plugin) {
+    const std::string path = prepare(state, name, args, plugin);
+    if (path.empty()) return;
     constexpr int kReps = 7;
     std::vector<float> buf(1 << 15);
     std::vector<double> ours, peer, ratio;
@@ -151,18 +155,6 @@ void decodeAgainstLibav(benchmark::State& state, const char* name, const char* a
     BASS_PluginFree(0);
     BASS_Free();
 }
-
-void BM_DecodeMP3(benchmark::State& s) { decodeAgainstLibav(s, "five-minutes.mp3", "-c:a libmp3lame -b:a 192k", nullptr); }
-void BM_DecodeFLAC(benchmark::State& s) { decodeAgainstLibav(s, "five-minutes.flac", "-c:a flac", "bassflac"); }
-void BM_DecodeAAC(benchmark::State& s) { decodeAgainstLibav(s, "five-minutes.m4a", "-c:a aac -b:a 192k", nullptr); }
-void BM_DecodeVorbis(benchmark::State& s) { decodeAgainstLibav(s, "five-minutes.ogg", "-c:a libvorbis -q:a 5", nullptr); }
-void BM_DecodeOpus(benchmark::State& s) { decodeAgainstLibav(s, "five-minutes.opus", "-c:a libopus -b:a 128k", "bassopus"); }
-
-BENCHMARK(BM_DecodeMP3)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_DecodeFLAC)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_DecodeAAC)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_DecodeVorbis)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_DecodeOpus)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 // Sample-exact seeks: 40 positions spread over the file, each followed by a
 // 4096-frame read, on a decoding stream; against libav seeking the same
@@ -225,13 +217,8 @@ double libavSeeks(const std::string& path, const std::vector<double>& at, float&
 }
 
 void seekAgainstLibav(benchmark::State& state, const char* name, const char* args, const char* plugin) {
-    BASS_Init(0, 48000, 0, nullptr, nullptr);
-    if (plugin) BASS_PluginLoad(plugin, 0);
-    const std::string path = makeFile(name, args, 300);
-    if (path.empty()) {
-        state.SkipWithError("could not make the test file");
-        return;
-    }
+    const std::string path = prepare(state, name, args, plugin);
+    if (path.empty()) return;
     std::vector<double> at;
     for (int i = 0; i < 40; ++i) at.push_back(std::fmod(i * 137.13, 290.0)); // jumps both ways
     std::vector<float> buf(4096 * 2);
@@ -253,17 +240,31 @@ void seekAgainstLibav(benchmark::State& state, const char* name, const char* arg
     BASS_Free();
 }
 
-void BM_SeekMP3(benchmark::State& s) { seekAgainstLibav(s, "five-minutes.mp3", "-c:a libmp3lame -b:a 192k", nullptr); }
-void BM_SeekFLAC(benchmark::State& s) { seekAgainstLibav(s, "five-minutes.flac", "-c:a flac", "bassflac"); }
-void BM_SeekAAC(benchmark::State& s) { seekAgainstLibav(s, "five-minutes.m4a", "-c:a aac -b:a 192k", nullptr); }
-void BM_SeekVorbis(benchmark::State& s) { seekAgainstLibav(s, "five-minutes.ogg", "-c:a libvorbis -q:a 5", nullptr); }
-void BM_SeekOpus(benchmark::State& s) { seekAgainstLibav(s, "five-minutes.opus", "-c:a libopus -b:a 128k", "bassopus"); }
-
-BENCHMARK(BM_SeekMP3)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_SeekFLAC)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_SeekAAC)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_SeekVorbis)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
-BENCHMARK(BM_SeekOpus)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+// Every compressed format, decoded whole and sought, each against libav.
+struct Format {
+    const char* name;
+    const char* file;
+    const char* args;
+    const char* plugin; // null for built-in formats
+};
+constexpr Format kFormats[] = {
+    {"MP3", "five-minutes.mp3", "-c:a libmp3lame -b:a 192k", nullptr},
+    {"FLAC", "five-minutes.flac", "-c:a flac", "bassflac"},
+    {"AAC", "five-minutes.m4a", "-c:a aac -b:a 192k", nullptr},
+    {"Vorbis", "five-minutes.ogg", "-c:a libvorbis -q:a 5", nullptr},
+    {"Opus", "five-minutes.opus", "-c:a libopus -b:a 128k", "bassopus"},
+};
+[[maybe_unused]] const bool registered = [] {
+    for (const auto& f : kFormats) {
+        benchmark::RegisterBenchmark((std::string("BM_Decode") + f.name).c_str(),
+                                     [f](benchmark::State& s) { decodeAgainstLibav(s, f.file, f.args, f.plugin); })
+            ->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("BM_Seek") + f.name).c_str(),
+                                     [f](benchmark::State& s) { seekAgainstLibav(s, f.file, f.args, f.plugin); })
+            ->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+    }
+    return true;
+}();
 
 // Open a five-minute MP3 (no prescan) and start it playing on the no-sound device.
 void BM_OpenAndPlayMP3(benchmark::State& state) {

@@ -701,7 +701,11 @@ bool FileStream::decodeFrame() {
             if (d.chained && d.pkt->pos >= 0 && d.linkAt(d.filePos(d.pkt)) != d.link) {
                 d.link = d.linkAt(d.filePos(d.pkt));
                 if (!d.openCodec()) {
+                    // A link no decoder takes: on from the next one, or the
+                    // stream ends here, back at the start for a later seek.
                     av_packet_unref(d.pkt);
+                    if (d.link + 1 < d.linkBytes.size() && d.seekToLink(d.link + 1)) continue;
+                    if (d.reopen(0) && d.openCodec()) d.link = 0;
                     return false;
                 }
             }

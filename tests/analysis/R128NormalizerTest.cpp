@@ -46,7 +46,7 @@ double seededGain(double seed, bool asLufs) {
 
 } // namespace
 
-TEST(R128NormalizerTest, CreationDerivesItsConstantsFromTheRate) {
+TEST(R128NormalizerTest, CreationDerivesItsConstantsFromTheRateAndSettersLimitTheirValues) {
     auto a = make(2, 44100);
     ASSERT_TRUE(a);
     EXPECT_NEAR(a->attackCoeff, 0.000113372, 1e-9);
@@ -69,18 +69,16 @@ TEST(R128NormalizerTest, CreationDerivesItsConstantsFromTheRate) {
     r128_normalizer_destroy(nullptr);
     r128_normalizer_reset(nullptr);
     r128_normalizer_process_interleaved(nullptr, nullptr, 10);
-}
 
-TEST(R128NormalizerTest, SettersLimitTheirValues) {
-    auto s = make();
-    r128_normalizer_set_target_lufs(s.get(), 5);
-    EXPECT_EQ(s->targetLufs.load(), 0.0);
-    r128_normalizer_set_target_lufs(s.get(), -60);
-    EXPECT_EQ(s->targetLufs.load(), -40.0);
-    r128_normalizer_set_max_boost_db(s.get(), 30);
-    EXPECT_EQ(s->maxBoostDb.load(), 24.0);
-    r128_normalizer_set_max_boost_db(s.get(), -3);
-    EXPECT_EQ(s->maxBoostDb.load(), 0.0);
+    // The setters keep their values within limits.
+    r128_normalizer_set_target_lufs(a.get(), 5);
+    EXPECT_EQ(a->targetLufs.load(), 0.0);
+    r128_normalizer_set_target_lufs(a.get(), -60);
+    EXPECT_EQ(a->targetLufs.load(), -40.0);
+    r128_normalizer_set_max_boost_db(a.get(), 30);
+    EXPECT_EQ(a->maxBoostDb.load(), 24.0);
+    r128_normalizer_set_max_boost_db(a.get(), -3);
+    EXPECT_EQ(a->maxBoostDb.load(), 0.0);
 }
 
 TEST(R128NormalizerTest, SeedsJumpToTheirGainWithinTheLimits) {

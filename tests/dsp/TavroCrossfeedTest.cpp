@@ -10,13 +10,6 @@ using namespace tavro::test;
 
 namespace {
 
-std::vector<float> noise(size_t n, uint32_t seed) {
-    std::vector<float> v(n);
-    for (auto& s : v)
-        s = (static_cast<float>((seed = seed * 1664525u + 1013904223u) >> 8) / 8388608.0f - 1.0f) * 0.7f;
-    return v;
-}
-
 class TavroCrossfeedTest : public FloatDspTest {
   protected:
     void SetUp() override {
@@ -39,7 +32,7 @@ class TavroCrossfeedTest : public FloatDspTest {
 } // namespace
 
 TEST_F(TavroCrossfeedTest, StereoIsCrossfedAsLibbs2bDoes) {
-    const auto in = noise(2 * 8000, 3);
+    const auto in = noise(2 * 8000, 3, 0.7f);
     auto s = testStream(in, 48000);
     auto cf = TavroCrossfeed::initWithStream(s);
     EXPECT_NE(cf->dspHandle(), 0u);
@@ -65,7 +58,7 @@ TEST_F(TavroCrossfeedTest, StereoIsCrossfedAsLibbs2bDoes) {
 
 TEST_F(TavroCrossfeedTest, MonoAndSurroundPassUnchanged) {
     for (DWORD chans : {1u, 6u}) {
-        const auto in = noise(chans * 3000, chans);
+        const auto in = noise(chans * 3000, chans, 0.7f);
         auto s = testStream(in, 44100, chans);
         auto cf = TavroCrossfeed::initWithStream(s);
         cf->setEnabled(true);
@@ -74,7 +67,7 @@ TEST_F(TavroCrossfeedTest, MonoAndSurroundPassUnchanged) {
 }
 
 TEST_F(TavroCrossfeedTest, LevelsAreLimitedAndRoundedAwayFromZero) {
-    auto cf = TavroCrossfeed::initWithStream(testStream(noise(200, 1)));
+    auto cf = TavroCrossfeed::initWithStream(testStream(noise(200, 1, 0.7f)));
     for (auto [hz, applied] :
          std::vector<std::pair<float, int32_t>>{{100, 300}, {5000, 2000}, {NAN, 300}, {700.5f, 701}}) {
         cf->setCutoff(hz);
@@ -88,7 +81,7 @@ TEST_F(TavroCrossfeedTest, LevelsAreLimitedAndRoundedAwayFromZero) {
     }
 
     // Without a sample rate there is no filter, and nothing to reset.
-    auto gone = testStream(noise(200, 2));
+    auto gone = testStream(noise(200, 2, 0.7f));
     gone->free();
     auto idle = TavroCrossfeed::initWithStream(gone);
     idle->reset();

@@ -1,5 +1,7 @@
 // Biquad nodes: cookbook coefficients, memory per channel, and the output
 // against scipy's lfilter as an independent reference.
+#include "PlatformFixture.hpp"
+
 #include <tavro/dsp/TavroDSPBiquad.hpp>
 
 #include <gtest/gtest.h>
@@ -13,12 +15,7 @@
 
 namespace {
 
-std::vector<float> noise(size_t n, uint32_t seed = 1) {
-    std::vector<float> v(n);
-    for (auto& s : v)
-        s = static_cast<float>((seed = seed * 1664525u + 1013904223u) >> 8) / 8388608.0f - 1.0f;
-    return v;
-}
+using tavro::test::noise;
 
 // In blocks of 300 frames, so the memory must carry across blocks.
 std::vector<float> filtered(TavroDSPBiquad& f, std::vector<float> v, uint64_t channels, uint64_t rate) {
@@ -85,12 +82,12 @@ TEST(TavroDSPBiquadTest, MemoryPerChannelAndParameterEdges) {
     EXPECT_EQ(tailAfterImpulse(2, 1, 44100), 0.0f) << "stereo to mono starts from zero";
     EXPECT_EQ(tailAfterImpulse(1, 2, 44100), 0.0f) << "and back again";
 
-    const auto in = noise(4000);
+    const auto in = noise(4000, 1);
     auto low = make<TavroDSPBandPass>(3000, 0.05f, 0), floor = make<TavroDSPBandPass>(3000, 0.1f, 0);
     EXPECT_EQ(filtered(*low, in, 1, 44100), filtered(*floor, in, 1, 44100)) << "Q below 0.1 acts as 0.1";
     auto off = TavroDSPNotch::init();
     off->setEnabled(false);
-    EXPECT_EQ(filtered(*off, noise(200), 2, 44100), noise(200));
+    EXPECT_EQ(filtered(*off, noise(200, 1), 2, 44100), noise(200, 1));
     EXPECT_EQ(off->zChannels(), 0u) << "a disabled node neither allocates";
     EXPECT_EQ(off->computedSR(), 0.0) << "nor computes";
 }

@@ -81,7 +81,7 @@ TEST(EffectRecordsTest, ChannelMaskIsNarrowedTo32Bits) {
     EXPECT_EQ(toBass(bq).lFilter, 7);
 }
 
-TEST(EffectRecordsTest, BandsKeepTheirArgumentOrder) {
+TEST(EffectRecordsTest, BandsAndEnvelopeNodesKeepTheirArgumentOrder) {
     const auto g = TavroGraphicEQBand::bandWithCenter(1000, -6, 1, 0);
     EXPECT_EQ(g.gain, -6);
     EXPECT_EQ(g.bandwidth, 1);
@@ -94,9 +94,7 @@ TEST(EffectRecordsTest, BandsKeepTheirArgumentOrder) {
     EXPECT_EQ(p.bandwidth, 1);
     EXPECT_EQ(p.gain, -6);
     EXPECT_EQ(toBass(p).fGain, -6);
-}
-
-TEST(EffectRecordsTest, EnvelopeNodesKeepTheirOrder) {
+    // Envelope nodes too keep the order they were given in.
     const auto n = toBass({TavroVolumeEnvelopeNode::nodeAtSeconds(2.5, 0.0f),
                            TavroVolumeEnvelopeNode::nodeAtSeconds(1.0, 0.5f)});
     ASSERT_EQ(n.size(), 2u);

@@ -96,10 +96,13 @@ TEST_F(TavroEffectsTest, ParametricEQReplacesItsBandsWithConsecutiveKeysAndPrior
     EXPECT_EQ(fx->fxHandles().size(), 1u);
 }
 
-TEST_F(TavroEffectsTest, TenBandEQPutsItsBandsAtTheirCentres) {
-    auto s = stream();
+TEST_F(TavroEffectsTest, TenBandEQPutsItsBandsAtTheirCentresAndLiftsThemOnTheSignal) {
+    const auto in = sine(1000, 44100, 44100, 2, 0.1f);
+    auto s = stream(0, in);
     auto fx = TavroEffects::initWithStream(s);
-    ASSERT_TRUE(fx->applyTenBandEQ(std::vector<double>(12, 1.5)));
+    std::vector<double> gains(12, 0.0); // two more than there are bands
+    gains[5] = 12;                       // the 1 kHz band
+    ASSERT_TRUE(fx->applyTenBandEQ(gains));
     ASSERT_EQ(fx->bfxHandles().size(), 10u);
     const float centres[] = {31.25f, 62.5f, 125, 250, 500, 1000, 2000, 4000, 8000, 16000};
     for (int i = 0; i < 10; ++i) {
@@ -107,24 +110,10 @@ TEST_F(TavroEffectsTest, TenBandEQPutsItsBandsAtTheirCentres) {
         p.lBand = i;
         ASSERT_TRUE(BASS_FXGetParameters(fx->bfxHandles()[size_t(i)], &p));
         EXPECT_EQ(p.fCenter, centres[i]);
-        EXPECT_EQ(p.fGain, 1.5f);
+        EXPECT_EQ(p.fGain, static_cast<float>(gains[size_t(i)]));
         EXPECT_EQ(p.fBandwidth, 0.8f);
         EXPECT_EQ(effect(fx->bfxHandles()[size_t(i)])->entry->priority, i);
     }
-    ASSERT_TRUE(fx->applyTenBandEQ({1, 2, 3}));
-    EXPECT_EQ(fx->bfxHandles().size(), 3u);
-    EXPECT_TRUE(fx->fxHandles().empty());
-    ASSERT_TRUE(fx->applyTenBandEQ({}));
-    EXPECT_TRUE(fx->bfxHandles().empty());
-}
-
-TEST_F(TavroEffectsTest, TenBandEQLiftsItsBandOnTheSignal) {
-    const auto in = sine(1000, 44100, 44100, 2, 0.1f);
-    auto s = stream(0, in);
-    auto fx = TavroEffects::initWithStream(s);
-    std::vector<double> gains(10, 0.0);
-    gains[5] = 12; // the 1 kHz band
-    ASSERT_TRUE(fx->applyTenBandEQ(gains));
     std::vector<float> out(in.size());
     ASSERT_EQ(
         BASS_ChannelGetData(s->handle(), out.data(), static_cast<DWORD>(out.size() * 4) | BASS_DATA_FLOAT),
@@ -133,21 +122,12 @@ TEST_F(TavroEffectsTest, TenBandEQLiftsItsBandOnTheSignal) {
     for (size_t i = out.size() / 2; i < out.size(); ++i)
         ei += double(in[i]) * in[i], eo += double(out[i]) * out[i];
     EXPECT_NEAR(10 * std::log10(eo / ei), 12, 0.3);
-}
 
-TEST_F(TavroEffectsTest, ReplayGainSetsTheChannelVolume) {
-    auto s = stream();
-    auto fx = TavroEffects::initWithStream(s);
-    auto rg = TavroReplayGainParams::defaultParams();
-    rg.enabled = true;
-    rg.trackGain = -6.5f;
-    ASSERT_TRUE(fx->applyReplayGain(&rg));
-    EXPECT_NEAR(attribute(s->handle(), BASS_ATTRIB_VOL), 0.473151f, 1e-6f);
-    rg.trackGain = 3;
-    ASSERT_TRUE(fx->applyReplayGain(&rg));
-    EXPECT_EQ(attribute(s->handle(), BASS_ATTRIB_VOL), 1.0f);
-    ASSERT_TRUE(fx->applyReplayGain(nullptr));
-    EXPECT_EQ(attribute(s->handle(), BASS_ATTRIB_VOL), 1.0f);
+    ASSERT_TRUE(fx->applyTenBandEQ({1, 2, 3}));
+    EXPECT_EQ(fx->bfxHandles().size(), 3u);
+    EXPECT_TRUE(fx->fxHandles().empty());
+    ASSERT_TRUE(fx->applyTenBandEQ({}));
+    EXPECT_TRUE(fx->bfxHandles().empty());
 }
 
 TEST_F(TavroEffectsTest, TempoOperationsNeedTheTempoChain) {
@@ -195,7 +175,11 @@ TEST_F(TavroEffectsTest, BypassAllAndRemoveAll) {
     EXPECT_TRUE(fx->bfxHandles().empty());
     EXPECT_EQ(effect(echoFx), nullptr);
     EXPECT_EQ(attribute(s->handle(), BASS_ATTRIB_TEMPO), 50.0f);
+    // Replay gain is the channel's volume, which removal leaves alone; only
+    // switching it off gives full volume back.
     EXPECT_NEAR(attribute(s->handle(), BASS_ATTRIB_VOL), 0.473151f, 1e-6f);
+    ASSERT_TRUE(fx->applyReplayGain(nullptr));
+    EXPECT_EQ(attribute(s->handle(), BASS_ATTRIB_VOL), 1.0f);
 }
 
 TEST_F(TavroEffectsTest, AGoneStreamFailsAndRecordsNothing) {

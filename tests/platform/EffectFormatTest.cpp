@@ -56,12 +56,7 @@ TEST_F(EffectFormatTest, EveryEffectRunsOnMonoSixChannelsAndExtremeRates) {
 TEST_F(EffectFormatTest, ModulatedEffectsChangeTheSignalAndTheirDryMixPassesIt) {
     const auto in = sine(440, 44100, 44100, 2, 0.5f);
     auto run = [&](DWORD type, const void* p) {
-        HSTREAM h = pushStream(44100, 2, BASS_STREAM_DECODE, in, true);
-        HFX fx = BASS_ChannelSetFX(h, type, 0);
-        EXPECT_TRUE(BASS_FXSetParameters(fx, p)) << std::hex << type;
-        std::vector<float> out(in.size());
-        BASS_ChannelGetData(h, out.data(), static_cast<DWORD>(out.size() * 4) | BASS_DATA_FLOAT);
-        BASS_StreamFree(h);
+        const auto out = render(44100, 2, in, [&](HSTREAM h) { install(h, type, p); });
         double diff = 0;
         for (size_t i = 0; i < in.size(); ++i)
             diff = std::max(diff, double(std::fabs(out[i] - in[i])));
@@ -90,12 +85,9 @@ TEST_F(EffectFormatTest, RotateCarriesOneSideAcrossToTheOther) {
     std::vector<float> in(1000 * 2, 0.0f);
     for (size_t i = 0; i < 1000; ++i)
         in[i * 2] = 1.0f; // left only
-    HSTREAM h = pushStream(1000, 2, BASS_STREAM_DECODE, in, true);
-    HFX fx = BASS_ChannelSetFX(h, BASS_FX_BFX_ROTATE, 0);
-    BASS_BFX_ROTATE p{1, BASS_BFX_CHANALL};
-    ASSERT_TRUE(BASS_FXSetParameters(fx, &p));
-    std::vector<float> out(in.size());
-    BASS_ChannelGetData(h, out.data(), static_cast<DWORD>(out.size() * 4) | BASS_DATA_FLOAT);
+    const BASS_BFX_ROTATE p{1, BASS_BFX_CHANALL};
+    const auto out = render(1000, 2, in, [&](HSTREAM h) { install(h, BASS_FX_BFX_ROTATE, &p); });
+    ASSERT_EQ(out.size(), in.size());
     EXPECT_NEAR(out[0], 1.0f, 1e-6f);
     EXPECT_NEAR(out[250 * 2 + 1], 0.5f, 1e-3f); // a quarter turn: half across
     EXPECT_NEAR(out[500 * 2 + 1], 1.0f, 1e-3f); // half a turn: all across
@@ -136,12 +128,9 @@ TEST_F(EffectFormatTest, VolumeEnvelopeFollowsThePositionAfterASeek) {
 
 TEST_F(EffectFormatTest, DynamicAmplificationRaisesAQuietSignalTowardsItsTarget) {
     const auto in = sine(440, 44100, 44100 * 3, 1, 0.1f);
-    HSTREAM h = pushStream(44100, 1, BASS_STREAM_DECODE, in, true);
-    HFX fx = BASS_ChannelSetFX(h, BASS_FX_BFX_DAMP, 0);
-    BASS_BFX_DAMP p{0.5f, 0.01f, 1, 1, 0, BASS_BFX_CHANALL};
-    ASSERT_TRUE(BASS_FXSetParameters(fx, &p));
-    std::vector<float> out(in.size());
-    BASS_ChannelGetData(h, out.data(), static_cast<DWORD>(out.size() * 4) | BASS_DATA_FLOAT);
+    const BASS_BFX_DAMP p{0.5f, 0.01f, 1, 1, 0, BASS_BFX_CHANALL};
+    const auto out = render(44100, 1, in, [&](HSTREAM h) { install(h, BASS_FX_BFX_DAMP, &p); });
+    ASSERT_EQ(out.size(), in.size());
     float early = 0, late = 0;
     for (size_t i = 0; i < 4410; ++i)
         early = std::max(early, std::fabs(out[i]));
@@ -154,12 +143,9 @@ TEST_F(EffectFormatTest, DynamicAmplificationRaisesAQuietSignalTowardsItsTarget)
 
 TEST_F(EffectFormatTest, DistortionAddsHarmonicsAndStaysWithinItsGain) {
     const auto in = sine(200, 44100, 44100, 1, 0.9f);
-    HSTREAM h = pushStream(44100, 1, BASS_STREAM_DECODE, in, true);
-    HFX fx = BASS_ChannelSetFX(h, BASS_FX_DX8_DISTORTION, 0);
-    BASS_DX8_DISTORTION p{-6, 100, 1000, 4000, 8000};
-    ASSERT_TRUE(BASS_FXSetParameters(fx, &p));
-    std::vector<float> out(in.size());
-    BASS_ChannelGetData(h, out.data(), static_cast<DWORD>(out.size() * 4) | BASS_DATA_FLOAT);
+    const BASS_DX8_DISTORTION p{-6, 100, 1000, 4000, 8000};
+    const auto out = render(44100, 1, in, [&](HSTREAM h) { install(h, BASS_FX_DX8_DISTORTION, &p); });
+    ASSERT_EQ(out.size(), in.size());
     // Energy at the third harmonic (600 Hz), measured by correlation.
     double re = 0, im = 0;
     for (size_t i = 22050; i < 44100; ++i) {

@@ -16,31 +16,12 @@ namespace {
 
 class EffectSignalTest : public NoSoundTest {};
 
-// Runs `input` through a decoding stream with the effects that `setup`
-// installs and returns everything that came out.
-std::vector<float> render(DWORD freq, unsigned chans, const std::vector<float>& input,
-                          const std::function<void(HSTREAM)>& setup) {
-    HSTREAM h = pushStream(freq, chans, BASS_STREAM_DECODE, input, true);
-    EXPECT_NE(h, 0u);
-    setup(h);
-    auto out = decodeAll(h, chans, input.size() / chans);
-    BASS_StreamFree(h);
-    return out;
-}
-
 // Level in dB of channel c over frames [from, to).
 double rmsDb(const std::vector<float>& v, unsigned chans, unsigned c, size_t from, size_t to) {
     double acc = 0;
     for (size_t i = from; i < to; ++i)
         acc += double(v[i * chans + c]) * v[i * chans + c];
     return 10 * std::log10(acc / double(to - from) + 1e-30);
-}
-
-HFX install(HSTREAM h, DWORD type, const void* params) {
-    HFX fx = BASS_ChannelSetFX(h, type, 0);
-    EXPECT_NE(fx, 0u) << BASS_ErrorGetCode();
-    EXPECT_TRUE(BASS_FXSetParameters(fx, params)) << BASS_ErrorGetCode();
-    return fx;
 }
 
 // Gain in dB that an effect gives a steady sine, past its settling time.
@@ -211,12 +192,8 @@ TEST_F(EffectSignalTest, BadParametersAreRefusedAndOutputStaysFinite) {
 TEST_F(EffectSignalTest, ReverbTailsDecayAtTheSetTime) {
     const DWORD freq = 44100;
     // A short noise burst, then silence.
-    std::vector<float> in(size_t(freq) * 3 * 2, 0.0f);
-    uint32_t seed = 1;
-    for (size_t i = 0; i < 2205 * 2; ++i) {
-        seed = seed * 1664525u + 1013904223u;
-        in[i] = static_cast<float>(seed >> 8) / float(1 << 24) - 0.5f;
-    }
+    auto in = noise(2205 * 2, 1, 0.5f);
+    in.resize(size_t(freq) * 3 * 2, 0.0f);
     // At every high-frequency ratio, the defaults' 0.001 included, the lows
     // of the tail (below about 300 Hz) decay over the reverb time given.
     for (float ratio : {0.001f, 0.01f, 0.5f, 0.999f}) {

@@ -40,6 +40,14 @@ inline std::vector<float> sine(double freq, double rate, size_t frames, unsigned
     return v;
 }
 
+// White noise in [-amp, amp), the same for the same seed.
+inline std::vector<float> noise(size_t n, uint32_t seed, float amp = 1.0f) {
+    std::vector<float> v(n);
+    for (auto& s : v)
+        s = (static_cast<float>((seed = seed * 1664525u + 1013904223u) >> 8) / 8388608.0f - 1.0f) * amp;
+    return v;
+}
+
 // Polls until the predicate holds or the timeout passes.
 inline bool waitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
     const auto end = std::chrono::steady_clock::now() + timeout;
@@ -92,6 +100,26 @@ inline HSTREAM pushStream(DWORD freq, DWORD chans, DWORD flags, const std::vecto
         BASS_StreamPutData(h, data.data(), len);
     }
     return h;
+}
+
+// Runs `input` through a decoding stream with what `setup` installs on it and
+// returns everything that came out.
+inline std::vector<float> render(DWORD freq, unsigned chans, const std::vector<float>& input,
+                                 const std::function<void(HSTREAM)>& setup) {
+    HSTREAM h = pushStream(freq, chans, BASS_STREAM_DECODE, input, true);
+    EXPECT_NE(h, 0u);
+    setup(h);
+    auto out = decodeAll(h, chans, input.size() / chans);
+    BASS_StreamFree(h);
+    return out;
+}
+
+// An effect of `type` on `h`, given `params`.
+inline HFX install(HSTREAM h, DWORD type, const void* params) {
+    HFX fx = BASS_ChannelSetFX(h, type, 0);
+    EXPECT_NE(fx, 0u) << BASS_ErrorGetCode();
+    EXPECT_TRUE(BASS_FXSetParameters(fx, params)) << BASS_ErrorGetCode();
+    return fx;
 }
 
 } // namespace tavro::test

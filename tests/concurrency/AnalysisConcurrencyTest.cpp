@@ -68,8 +68,9 @@ TEST_F(ConcurrencyAnalysisTest, ReportsRestartedAndStoppedWhileReadersRun) {
             EXPECT_TRUE(BASS_FX_BPM_BeatFree(stream_));
         }
     }
-    // Settle on one registration long enough to hear a tempo and beats.
-    std::this_thread::sleep_for(std::chrono::milliseconds(4500));
+    // Settle on one registration until a tempo and beats are heard (about
+    // four seconds of sound; longer when the machine is busy).
+    EXPECT_TRUE(waitFor([&] { return tempos_.load() > 0 && beats_.load() > 3; }, std::chrono::seconds(15)));
     EXPECT_TRUE(BASS_FX_BPM_Free(stream_));
     EXPECT_TRUE(BASS_FX_BPM_BeatFree(stream_));
     stopped_.store(true); // no report may follow the frees

@@ -77,6 +77,10 @@ template <class S> struct Geo { float S::*field; };
 // change itself (a delay tap that crossfades, an LFO shape that morphs): it
 // takes the new value at once.
 template <class S, class T> struct Own { T S::*field; };
+// Spelled out for compilers without deduction for aggregates (clang before 17).
+template <class S> Lin(float S::*) -> Lin<S>;
+template <class S> Geo(float S::*) -> Geo<S>;
+template <class S, class T> Own(T S::*) -> Own<S, T>;
 
 // Raised-cosine-like easing: no step in slope where a glide starts or ends.
 inline double smoothstep(double t) {

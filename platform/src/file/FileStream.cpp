@@ -13,6 +13,7 @@ extern "C" {
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace tavro::platform {
 
@@ -168,7 +169,8 @@ OggLinks oggLinks(MediaInput& in, int rate) {
         if (std::memcmp(p, "OggS", 4) != 0) {
             // Lost sync (damage, or junk between links): on at the next capture pattern.
             const uint8_t* end = buf.data() + buf.size();
-            const uint8_t* next = std::search(p + 1, end, "OggS", "OggS" + 4);
+            constexpr std::string_view capture = "OggS";
+            const uint8_t* next = std::search(p + 1, end, capture.begin(), capture.end());
             pos = next == end ? bufAt + static_cast<int64_t>(buf.size()) - 3 : bufAt + (next - buf.data());
             continue;
         }
@@ -530,7 +532,7 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
     if (s->duration != AV_NOPTS_VALUE && s->duration > 0)
         len = av_rescale_q(s->duration - (d.firstPts - d.streamStart()), d.tb, AVRational{1, d.rate});
     else if (d.fmt->duration != AV_NOPTS_VALUE && d.fmt->duration > 0)
-        len = av_rescale_q(d.fmt->duration, AV_TIME_BASE_Q, AVRational{1, d.rate});
+        len = av_rescale_q(d.fmt->duration, AVRational{1, AV_TIME_BASE}, AVRational{1, d.rate});
     // A duration guessed from the bit rate is no end to stop at; a declared
     // one is (it cuts codec padding that the container trims, as in MP4).
     bool estimated = d.fmt->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE || d.family.mpegAudio ||

@@ -138,6 +138,29 @@ TEST_F(HostileMediaTest, FormatChangesMidStreamKeepTheAnnouncedFormat) {
         EXPECT_EQ(decode16(h, 2), kRate / 2);
         BASS_StreamFree(h);
     }
+    // Recorded from the middle of a stream: its headers, then pages whose
+    // granule positions count from a start the file does not have. Its
+    // length is what it holds, not the stream's position at its end.
+    {
+        writeWav16(media_->path("four.wav"), testSignal(kRate * 4, 2, kRate), kRate, 2);
+        const auto ogg = readFile(media_->encode(media_->path("four.wav"), "whole.ogg", "-c:a libvorbis"));
+        std::vector<uint8_t> cut;
+        for (size_t at = 0; at + 27 < ogg.size();) {
+            size_t end = at + 27 + ogg[at + 26];
+            for (size_t i = 0; i < ogg[at + 26]; ++i) end += ogg[at + 27 + i];
+            int64_t granule = 0;
+            std::memcpy(&granule, &ogg[at + 6], 8);
+            if (granule == 0 || granule >= 2 * kRate) cut.insert(cut.end(), ogg.begin() + at, ogg.begin() + end);
+            at = end;
+        }
+        writeFile(media_->path("capture.ogg"), cut);
+        HSTREAM h = BASS_StreamCreateFile(FALSE, media_->path("capture.ogg").c_str(), 0, 0, BASS_STREAM_DECODE);
+        ASSERT_NE(h, 0u);
+        const QWORD length = BASS_ChannelGetLength(h, BASS_POS_BYTE) / 4;
+        EXPECT_LT(length, kRate * 35 / 10); // the stream ran 4 s; the file holds less
+        EXPECT_NEAR(static_cast<double>(decode16(h, 2)), static_cast<double>(length), 2048.0);
+        BASS_StreamFree(h);
+    }
     // Played, the update thread renders through the change and the channel ends.
     const std::string mp3 = media_->path("cat.mp3");
     HSTREAM h = BASS_StreamCreateFile(FALSE, mp3.c_str(), 0, 0, BASS_SAMPLE_FLOAT);

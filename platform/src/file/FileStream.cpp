@@ -138,7 +138,10 @@ struct OggLinks {
     std::vector<int64_t> starts; // its first frame in the stream; empty when one cannot be measured
 };
 
-OggLinks oggLinks(MediaInput& in, int rate) {
+// `firstStart` is where the demuxer says the first link starts, in seconds:
+// past 0 when the file was recorded from the middle of a stream, whose
+// granule positions then count from the stream's start, not the file's.
+OggLinks oggLinks(MediaInput& in, int rate, double firstStart) {
     OggLinks out;
     struct Link {
         uint32_t serial = 0;
@@ -149,7 +152,8 @@ OggLinks oggLinks(MediaInput& in, int rate) {
     int64_t total = 0, groupAt = 0;
     auto close = [&] {
         if (!open) return;
-        const int64_t n = cur.last < 0 ? -1 : av_rescale(std::max<int64_t>(0, cur.last - cur.preSkip), rate, cur.rate);
+        const int64_t before = out.count == 1 && firstStart > 0 ? std::llround(firstStart * cur.rate) : cur.preSkip;
+        const int64_t n = cur.last < 0 ? -1 : av_rescale(std::max<int64_t>(0, cur.last - before), rate, cur.rate);
         // Beyond any real length (a damaged granule position): counted by decoding instead.
         if (n < 0 || n > (int64_t(1) << 48) - total) measured = false;
         else total += n;
@@ -539,7 +543,7 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
                            d.family.ctype == BASS_CTYPE_STREAM_AAC || d.family.ctype == BASS_CTYPE_STREAM_AC3;
     if (formatIs(d.fmt->iformat, "ogg") && (s->codecpar->codec_id == AV_CODEC_ID_VORBIS || s->codecpar->codec_id == AV_CODEC_ID_OPUS)) {
         d.ogg = true;
-        const OggLinks links = oggLinks(*d.input, d.rate);
+        const OggLinks links = oggLinks(*d.input, d.rate, s->start_time != AV_NOPTS_VALUE ? s->start_time * av_q2d(s->time_base) : 0.0);
         const bool vorbis = s->codecpar->codec_id == AV_CODEC_ID_VORBIS;
         // Lengths counted from the granule positions are exact, whatever
         // the demuxer made of the duration.

@@ -293,7 +293,14 @@ struct Decoder {
     // A decoder in the state it has at open. Encoder delay and padding are
     // trimmed here, not by the decoder: the delay belongs to the start of the
     // stream only, and a decoder that has just been flushed for a seek cannot tell.
+    // Whatever happens, `codec` is an open decoder or null after it (a
+    // context that did not open cannot even be flushed).
     bool openCodec() {
+        if (openCodecContext()) return true;
+        avcodec_free_context(&codec);
+        return false;
+    }
+    bool openCodecContext() {
         avcodec_free_context(&codec);
         // A link of a chained Ogg file may carry another codec (Vorbis, then Opus).
         const AVCodecID id = fmt->streams[stream]->codecpar->codec_id;
@@ -321,7 +328,7 @@ struct Decoder {
                           AVSEEK_FLAG_BACKWARD);
         else if (!reopen())
             return;
-        if (!openCodec() && codec) avcodec_flush_buffers(codec);
+        openCodec(); // without a decoder the stream ends
         link = 0;
         draining = false;
     }

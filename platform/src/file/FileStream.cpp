@@ -132,11 +132,17 @@ std::string apeTags(MediaInput& in, bool hasId3v1) {
 // first, so its duration is only the last link's; here each link is counted
 // from its own last granule position, less the Opus pre-skip.
 struct OggLinks {
-    int count = 0;
     int64_t frames = -1; // all links at the given rate; -1 when one cannot be measured
     std::vector<int64_t> bytes;  // where each link's first page is
     std::vector<int64_t> starts; // its first frame in the stream; empty when one cannot be measured
+    size_t count() const { return bytes.size(); }
 };
+
+// The index of the last of `sorted` at or before `v` (0 when none is).
+size_t lastAtOrBefore(const std::vector<int64_t>& sorted, int64_t v) {
+    const auto it = std::upper_bound(sorted.begin(), sorted.end(), v);
+    return it == sorted.begin() ? 0 : static_cast<size_t>(it - sorted.begin()) - 1;
+}
 
 // `firstStart` is where the demuxer says the first link starts, in seconds:
 // past 0 when the file was recorded from the middle of a stream, whose
@@ -152,7 +158,7 @@ OggLinks oggLinks(MediaInput& in, int rate, double firstStart) {
     int64_t total = 0, groupAt = 0;
     auto close = [&] {
         if (!open) return;
-        const int64_t before = out.count == 1 && firstStart > 0 ? std::llround(firstStart * cur.rate) : cur.preSkip;
+        const int64_t before = out.count() == 1 && firstStart > 0 ? std::llround(firstStart * cur.rate) : cur.preSkip;
         const int64_t n = cur.last < 0 ? -1 : av_rescale(std::max<int64_t>(0, cur.last - before), rate, cur.rate);
         // Beyond any real length (a damaged granule position): counted by decoding instead.
         if (n < 0 || n > (int64_t(1) << 48) - total) measured = false;
@@ -206,7 +212,6 @@ OggLinks oggLinks(MediaInput& in, int rate, double firstStart) {
                 close();
                 cur = Link{serial, linkRate, preSkip, -1};
                 open = true;
-                ++out.count;
                 out.bytes.push_back(groupAt);
                 out.starts.push_back(total);
             }
@@ -217,7 +222,7 @@ OggLinks oggLinks(MediaInput& in, int rate, double firstStart) {
         pos += static_cast<int64_t>(27 + segs + body);
     }
     close();
-    if (measured && out.count > 0) out.frames = total;
+    if (measured && out.count() > 0) out.frames = total;
     else out.starts.clear();
     return out;
 }
@@ -274,10 +279,7 @@ struct Decoder {
     int64_t reopenStart = 0;
     int firstStream = -1; // the audio stream's index in the whole file
     size_t link = 0;
-    size_t linkAt(int64_t bytePos) const {
-        const auto it = std::upper_bound(linkBytes.begin(), linkBytes.end(), bytePos);
-        return it == linkBytes.begin() ? 0 : static_cast<size_t>(it - linkBytes.begin()) - 1;
-    }
+    size_t linkAt(int64_t bytePos) const { return lastAtOrBefore(linkBytes, bytePos); }
     int seekRetries = 0;
     int64_t firstPacketPos = -1; // where the first audio packet starts (the way back to sample 0)
     // Its timestamp: priming packets (the encoder delay of AAC in MP4) lie
@@ -345,7 +347,7 @@ struct Decoder {
         }
         // A link the demuxer cannot open (cut short): back at the start of
         // the file, where the stream can still be sought.
-        if (reopen(0) && openCodec()) link = 0;
+        rewind();
         return false;
     }
     // Where a packet lies in the whole file.
@@ -554,8 +556,8 @@ std::shared_ptr<FileStream> FileStream::open(std::unique_ptr<MediaInput> input, 
         const bool vorbis = s->codecpar->codec_id == AV_CODEC_ID_VORBIS;
         // Lengths counted from the granule positions are exact, whatever
         // the demuxer made of the duration.
-        if (links.frames >= 0 && (links.count > 1 || vorbis)) estimated = false;
-        if (links.count > 1) {
+        if (links.frames >= 0 && (links.count() > 1 || vorbis)) estimated = false;
+        if (links.count() > 1) {
             d.chained = true;
             len = links.frames;
             d.linkBytes = links.bytes;
@@ -718,7 +720,7 @@ bool FileStream::decodeFrame() {
                     // stream ends here, back at the start for a later seek.
                     av_packet_unref(d.pkt);
                     if (d.link + 1 < d.linkBytes.size() && d.seekToLink(d.link + 1)) continue;
-                    if (d.reopen(0) && d.openCodec()) d.link = 0;
+                    d.rewind();
                     return false;
                 }
             }
@@ -831,8 +833,7 @@ void FileStream::restartAt(uint64_t frame) {
         // A link's timestamps say nothing about where it is in the file: go
         // to the start of the link that holds the frame (known when every
         // link was measured), or of the file, and decode forward from there.
-        const auto it = std::upper_bound(d.linkStarts.begin(), d.linkStarts.end(), static_cast<int64_t>(frame));
-        const size_t k = it == d.linkStarts.begin() ? 0 : static_cast<size_t>(it - d.linkStarts.begin()) - 1;
+        const size_t k = lastAtOrBefore(d.linkStarts, static_cast<int64_t>(frame));
         if (k > 0 && d.seekToLink(k)) {
             nextSample_ = static_cast<uint64_t>(d.linkStarts[k]);
             knowPosition_ = true;
